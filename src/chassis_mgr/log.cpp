@@ -1,0 +1,114 @@
+/*
+ * Logging: every line goes to the console (filtered by the threshold) and to
+ * an in-memory ring (never filtered).  Ring 0 keeps daemon-wide lines, ring s
+ * the lines of slot s; the status report shows the 24 most recent of each.
+ */
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include "chassis_mgr.h"
+
+log_level_e g_log_level = LOG_LEVEL_INFO;
+FILE *g_log_fd = nullptr;
+slotLog g_slot_log;
+
+namespace {
+
+/* Rings and the time-stamp buffer are shared by every thread; one lock keeps
+ * lines whole (the formats and the ring size are unchanged by it). */
+pthread_mutex_t g_ring_lock = PTHREAD_MUTEX_INITIALIZER;
+char g_datestamp[128];
+
+struct RingLock {
+    RingLock() { pthread_mutex_lock(&g_ring_lock); }
+    ~RingLock() { pthread_mutex_unlock(&g_ring_lock); }
+};
+
+void log_vconsole(const char *fmt, va_list ap) {
+    FILE *out = g_log_fd ? g_log_fd : stderr;
+    vfprintf(out, fmt, ap);
+    fflush(out);
+}
+
+}  // namespace
+
+void _log_log(log_level_e, const char *fmt, int fmt_len, ...) {
+    va_list ap;
+    va_start(ap, fmt_len);
+    log_vconsole(fmt, ap);
+    va_end(ap);
+}
+
+void _log_log_slot(log_level_e, const char *fmt, int fmt_len, ...) {
+    va_list ap;
+    va_start(ap, fmt_len);
+    log_vconsole(fmt, ap);
+    va_end(ap);
+}
+
+const char *_log_datestamp(void) {
+    struct timeval tv;
+    if (gettimeofday(&tv, nullptr) != 0) return "-1";
+    struct tm local;
+    time_t seconds = tv.tv_sec;
+    localtime_r(&seconds, &local);
+    int n = snprintf(g_datestamp, 127, "%lu.%06lu", (unsigned long)tv.tv_sec, (unsigned long)tv.tv_usec);
+    if (n > 0 && n < 127) strftime(g_datestamp + n, 127 - n, " %F %T", &local);
+    g_datestamp[127] = '\0';
+    return g_datestamp;
+}
+
+void _log_ring(int ring, const char *level_name, const char *file, int line, const char *fmt, ...) {
+    if (ring < 0 || ring >= LOG_RING_COUNT) ring = 0;
+    RingLock lock;
+    char *out = g_slot_log.log[ring][g_slot_log.tail[ring]];
+    int prefix = ring == 0
+        ? snprintf(out, LOG_LINE_SIZE, "[%s]%s %s:%d ", level_name, _log_datestamp(), file, line)
+        : snprintf(out, LOG_LINE_SIZE, "[SLOT%d:%s]%s %s:%d ", ring, level_name, _log_datestamp(), file, line);
+    if (prefix >= 0 && prefix < LOG_LINE_SIZE - 1) {
+        va_list ap;
+        va_start(ap, fmt);
+        vsnprintf(out + prefix, LOG_LINE_SIZE - prefix, fmt, ap);
+        va_end(ap);
+    }
+    g_slot_log.tail[ring] = (g_slot_log.tail[ring] + 1) % LOG_RING_LINES;
+    if (g_slot_log.tail[ring] == g_slot_log.head[ring])
+        g_slot_log.head[ring] = (g_slot_log.tail[ring] + 1) % LOG_RING_LINES;
+}
+
+int log_ring_copy(int ring, char (*lines)[LOG_LINE_SIZE], int max_lines) {
+    if (ring < 0 || ring >= LOG_RING_COUNT) return 0;
+    RingLock lock;
+    int count = 0;
+    for (int i = g_slot_log.head[ring]; i != g_slot_log.tail[ring] && count < max_lines;
+         i = (i + 1) % LOG_RING_LINES) {
+        memcpy(lines[count++], g_slot_log.log[ring][i], LOG_LINE_SIZE);
+    }
+    return count;
+}
+
+bool log_level_from_name(const char *name, log_level_e *level) {
+    static constexpr struct {
+        const char *name;
+        log_level_e level;
+    } kLevels[] = {
+        {"DEBUG", LOG_LEVEL_DEBUG}, {"INFO", LOG_LEVEL_INFO},     {"WARNING", LOG_LEVEL_WARN},
+        {"ERROR", LOG_LEVEL_ERR},   {"CRITICAL", LOG_LEVEL_CRIT},
+    };
+    for (const auto &entry : kLevels) {
+        if (strcmp(name, entry.name) == 0) {
+            *level = entry.level;
+            return true;
+        }
+    }
+    return false;
+}
+
+void cm_assert_fail(const char *expr, const char *file, int line, const char *func) {
+    fprintf(stderr, "chassis-mgr: %s:%d: %s: Assertion `%s' failed.\n", file, line, func, expr);
+    fflush(stderr);
+    abort();
+}

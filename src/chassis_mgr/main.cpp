@@ -1,0 +1,3 @@
+#include "chassis_mgr.h"
+
+int main(int argc, char **argv) { return chassis_mgr_main(argc, argv); }

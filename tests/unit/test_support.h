@@ -1,0 +1,183 @@
+/*
+ * Shared helpers for the unit tests: a sandbox root that the environment
+ * module points every daemon path into, console capture, log-ring access,
+ * and a reset of the slot records to their start-up values.
+ */
+#ifndef CHMGR_TEST_SUPPORT_H
+#define CHMGR_TEST_SUPPORT_H
+
+#include <ftw.h>
+#include <regex>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "chassis_mgr.h"
+#include "ks_sim.h"
+
+namespace chmgr_test {
+
+/* A fresh directory used as CHMGR_ROOT (and as the simulated SDK's root). */
+class SandboxRoot {
+  public:
+    explicit SandboxRoot(const char *time_scale = "0.0001") {
+        char tmpl[] = "/tmp/chmgr-ut-XXXXXX";
+        path_ = mkdtemp(tmpl);
+        char err[256];
+        if (!env_configure(path_.c_str(), time_scale, err, sizeof err)) abort();
+        ks_sim_set_root(path_.c_str());
+        for (const char *dir : {"/etc/tarnel", "/etc/brl", "/var/run/hw-management/events",
+                                "/var/run/hw-management/system", "/var/run/ks-sim", "/run/chassismgr",
+                                "/var/log", "/usr/lib/tarnel"}) {
+            mkdirs(path_ + dir);
+        }
+        for (int slot = 1; slot <= MAX_SLOTS_FOR_9600; ++slot) {
+            mkdirs(path_ + "/var/run/hw-management/lc" + std::to_string(slot) + "/led");
+            mkdirs(path_ + "/var/run/hw-management/lc" + std::to_string(slot) + "/eeprom");
+        }
+    }
+    ~SandboxRoot() {
+        char err[256];
+        env_configure(nullptr, nullptr, err, sizeof err);
+        nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    }
+    SandboxRoot(const SandboxRoot &) = delete;
+    SandboxRoot &operator=(const SandboxRoot &) = delete;
+
+    const std::string &path() const { return path_; }
+    /* `abs` is the daemon's absolute path, e.g. "/etc/tarnel/cards.conf". */
+    std::string at(const std::string &abs) const { return path_ + abs; }
+
+    void write(const std::string &abs, const std::string &content) const {
+        mkdirs(parent(at(abs)));
+        std::ofstream out(at(abs), std::ios::binary | std::ios::trunc);
+        out << content;
+    }
+    std::string read(const std::string &abs) const {
+        std::ifstream in(at(abs), std::ios::binary);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+    bool exists(const std::string &abs) const { return access(at(abs).c_str(), F_OK) == 0; }
+    void remove(const std::string &abs) const { unlink(at(abs).c_str()); }
+
+    /* Writes "/var/run/hw-management/events/lc<slot>_<name>". */
+    void event(int slot, const std::string &name, const std::string &value) const {
+        write("/var/run/hw-management/events/lc" + std::to_string(slot) + "_" + name, value);
+    }
+    /* Every event file of every slot, reading "0". */
+    void all_events(const std::string &value = "0") const {
+        for (int slot = 1; slot <= MAX_SLOTS_FOR_9600; ++slot)
+            for (const char *name : {"present", "verified", "synced", "powered", "active", "ready"})
+                event(slot, name, value);
+    }
+
+  private:
+    static int remove_entry(const char *p, const struct stat *, int, struct FTW *) { return ::remove(p); }
+    static std::string parent(const std::string &p) { return p.substr(0, p.rfind('/')); }
+    static void mkdirs(const std::string &p) {
+        for (size_t i = 1; i <= p.size(); ++i)
+            if (i == p.size() || p[i] == '/') mkdir(p.substr(0, i).c_str(), 0755);
+    }
+    std::string path_;
+};
+
+/* Captures console lines (g_log_fd) for the life of the object. */
+class ConsoleCapture {
+  public:
+    ConsoleCapture() : file_(tmpfile()), saved_(g_log_fd) { g_log_fd = file_; }
+    ~ConsoleCapture() {
+        g_log_fd = saved_;
+        fclose(file_);
+    }
+    std::string text() const {
+        fflush(file_);
+        std::string out;
+        long end = ftell(file_);
+        out.resize(end);
+        rewind(file_);
+        size_t got = fread(out.data(), 1, end, file_);
+        out.resize(got);
+        fseek(file_, 0, SEEK_END);
+        return out;
+    }
+
+  private:
+    FILE *file_;
+    FILE *saved_;
+};
+
+/* Empties every ring. */
+inline void clear_log_rings() { memset(&g_slot_log, 0, sizeof g_slot_log); }
+
+/* Ring `ring`, oldest first, as the status report reads it. */
+inline std::vector<std::string> ring_lines(int ring) {
+    static char lines[LOG_RING_LINES][LOG_LINE_SIZE];
+    int n = log_ring_copy(ring, lines, LOG_RING_LINES);
+    return std::vector<std::string>(lines, lines + n);
+}
+
+/* Replaces the time stamp of a ring line with "<T>" and every ":<line> "
+ * after a source file name with ":<N> ", so lines compare byte for byte. */
+inline std::string normalize(const std::string &line) {
+    static const std::regex stamp(R"((\]|^)(-1|\d+\.\d{6} \d{4}-\d\d-\d\d \d\d:\d\d:\d\d) )");
+    static const std::regex lineno(R"((\.(cpp|c|h)):\d+ )");
+    std::string out = std::regex_replace(line, stamp, "$1<T> ", std::regex_constants::format_first_only);
+    return std::regex_replace(out, lineno, "$1:<N> ");
+}
+
+inline std::vector<std::string> normalized_ring(int ring) {
+    std::vector<std::string> out;
+    for (const auto &line : ring_lines(ring)) out.push_back(normalize(line));
+    return out;
+}
+
+/* Every ring line of every ring, normalized (handy for "contains" checks). */
+inline std::string all_rings_text() {
+    std::string out;
+    for (int ring = 0; ring < LOG_RING_COUNT; ++ring)
+        for (const auto &line : normalized_ring(ring)) out += line;
+    return out;
+}
+
+/* Puts the slot records back to their start-up values (as init_slots leaves
+ * them, before cards.conf is read) and the log threshold to INFO. */
+inline void reset_slots() {
+    for (int i = 0; i < MAX_SLOTS_FOR_9600; ++i) {
+        slotInfo *slot = &g_slots_info[i];
+        slot->slot_id = i + 1;
+        if (slot->trans_timer.timer_fd <= 0) slot->trans_timer.timer_fd = timerfd_create(CLOCK_REALTIME, 0);
+        slot_serial_set(i + 1, "none");
+        slot->ini_info.card_type = 0;
+        slot->ini_info.hw_revision = 0;
+        slot->ini_info.minor = 0;
+        memset(slot->ini_info.ini_file_name, 0, sizeof slot->ini_info.ini_file_name);
+        slot->current_state = 0;
+        slot->in_err_state = 0;
+        slot->provisioned = 0;
+        slot->provisioned_type = 0;
+        slot->slot_in_debug = 0;
+        slot->disabled = 0;
+        slot->card_type = 0;
+        slot->hw_revision = 0;
+        slot->trans_timer.state_monitored = 0;
+        slot->trans_timer.transition_timer_hits = 0;
+        slot->in_transition_reload_portd = 0;
+        struct timeval zero = {0, 0};
+        slot_uptime_set(i + 1, &zero);
+    }
+    g_log_level = LOG_LEVEL_INFO;
+}
+
+}  // namespace chmgr_test
+
+#endif /* CHMGR_TEST_SUPPORT_H */
