@@ -1,6 +1,18 @@
-#include "chassis_mgr.h"
+/*
+ * Event sources and the main loop.  Each slot has one inotify instance that
+ * watches its six event files for close-after-write, and one one-shot timer.
+ * The main thread polls the sixteen descriptors and turns every wake-up into
+ * a work item (slot, event) for the worker pool; it never runs a transition
+ * itself.  A file wake-up is decided by re-reading the event files, not by
+ * the inotify record; a timer wake-up becomes slot_timeout_event.
+ */
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/inotify.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
-/* Placeholder: this subsystem is being built. */
+#include "chassis_mgr.h"
 
 int g_ifd[MAX_SLOTS_FOR_9600];
 int g_wd_present[MAX_SLOTS_FOR_9600];
@@ -10,9 +22,128 @@ int g_wd_powered[MAX_SLOTS_FOR_9600];
 int g_wd_active[MAX_SLOTS_FOR_9600];
 int g_wd_ready[MAX_SLOTS_FOR_9600];
 
-bool init_inotify_events(void) { return true; }
-bool set_slot_timer(int, uint32_t, uint32_t) { return true; }
+namespace {
+
+#define EVENT_DIR "/var/run/hw-management/events/"
+
+/* One inotify record of a watched file is 16 bytes (no name): a 17-byte read
+ * takes exactly one, and further records make the next poll return at once. */
+#define INOTIFY_READ_SIZE 17
+
+/* The six watches of a slot, in the order they are placed. */
+const struct {
+    const char *path_format;
+    int *watch;
+} kSlotWatches[] = {
+    {EVENT_DIR "lc%d_present", g_wd_present}, {EVENT_DIR "lc%d_verified", g_wd_verified},
+    {EVENT_DIR "lc%d_synced", g_wd_synced},   {EVENT_DIR "lc%d_powered", g_wd_powered},
+    {EVENT_DIR "lc%d_active", g_wd_active},   {EVENT_DIR "lc%d_ready", g_wd_ready},
+};
+
+/* Appends an item under the queue mutex and wakes every idle worker.  A file
+ * event also restarts the slot's count of fruitless expiries: a slot that
+ * keeps producing file events is never declared stuck. */
+void queue_work(eventWork *work, bool file_event) {
+    eventWorkQue *que = &g_event_work_que;
+    pthread_mutex_lock(&que->mutex);
+    add_work_to_que(work);
+    que->work_in_que++;
+    if (file_event) g_slots_info[work->slot_id - 1].trans_timer.transition_timer_hits = 0;
+    pthread_cond_broadcast(&que->cond);
+    pthread_mutex_unlock(&que->mutex);
+}
+
+eventWork *new_work(int slot_id) {
+    eventWork *work = static_cast<eventWork *>(calloc(1, sizeof(eventWork)));
+    if (!work) {
+        CM_LOG(LOG_LEVEL_ERR, "Unable to alloc memory for events\n");
+        return nullptr;
+    }
+    work->slot_id = slot_id;
+    work->next = nullptr;
+    return work;
+}
+
+/* Inotify side of one slot.  False when the slot's timer side must be
+ * skipped for this wake-up (no memory for the item). */
+bool handle_file_wakeup(int slot_id) {
+    CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Received event\n");
+    char buffer[INOTIFY_READ_SIZE];
+    if (read(g_ifd[slot_id - 1], buffer, sizeof buffer) <= 0) return true;
+    eventWork *work = new_work(slot_id);
+    if (!work) return false;
+    work->event = get_event_transition(slot_id);
+    queue_work(work, true);
+    return true;
+}
+
+/* Timer side of one slot.  The timers are non-blocking: when the expiry was
+ * cancelled by a re-arm after the poll, nothing is left to read and the
+ * wake-up is dropped, as a failed inotify read is. */
+void handle_timer_wakeup(int slot_id) {
+    slotInfo *slot = &g_slots_info[slot_id - 1];
+    /* Marks the stuck slot in the log once, on the expiry that declares it. */
+    if (slot->trans_timer.transition_timer_hits == TRANSITION_MAX_TRIES)
+        CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Received timer event\n");
+    uint64_t timers_elapsed = 0;
+    if (read(slot->trans_timer.timer_fd, &timers_elapsed, sizeof timers_elapsed) <= 0) return;
+    eventWork *work = new_work(slot_id);
+    if (!work) return;
+    work->event = slot_timeout_event;
+    queue_work(work, false);
+}
+
+}  // namespace
+
+bool init_inotify_events(void) {
+    char path[CM_PATH_SIZE];
+    for (int slot_id = 1; slot_id <= MAX_SLOTS_FOR_9600; ++slot_id) {
+        int ifd = inotify_init();
+        g_ifd[slot_id - 1] = ifd;
+        /* A missing file gets no watch (-1) and is never reported, even once
+         * it is created: the watch set is fixed at start-up. */
+        for (const auto &watch : kSlotWatches) {
+            env_path(path, sizeof path, watch.path_format, slot_id);
+            watch.watch[slot_id - 1] = inotify_add_watch(ifd, path, IN_CLOSE_WRITE);
+        }
+    }
+    return true;
+}
+
+bool set_slot_timer(int slot_id, uint32_t time_in_sec, uint32_t time_in_nsec) {
+    if (slot_id < 1 || slot_id > MAX_SLOTS_FOR_9600) return false;
+    struct itimerspec new_value = {};
+    new_value.it_value = env_scaled_period(time_in_sec, time_in_nsec);
+    return timerfd_settime(g_slots_info[slot_id - 1].trans_timer.timer_fd, 0, &new_value, nullptr) != -1;
+}
+
+void build_poll_set(struct pollfd *fds) {
+    for (int slot_id = 1; slot_id <= MAX_SLOTS_FOR_9600; ++slot_id) {
+        struct pollfd *entry = &fds[2 * (slot_id - 1)];
+        entry[0] = {g_ifd[slot_id - 1], POLLIN, 0};
+        entry[1] = {g_slots_info[slot_id - 1].trans_timer.timer_fd, POLLIN, 0};
+    }
+}
+
+/* Slots in ascending order; for each, the file event is queued before the
+ * timeout, so one wake-up can queue two items of a slot, the event first. */
+void handle_poll_results(const struct pollfd *fds) {
+    for (int slot_id = 1; slot_id <= MAX_SLOTS_FOR_9600; ++slot_id) {
+        const struct pollfd *entry = &fds[2 * (slot_id - 1)];
+        if ((entry[0].revents & POLLIN) && !handle_file_wakeup(slot_id)) continue;
+        if (entry[1].revents & POLLIN) handle_timer_wakeup(slot_id);
+    }
+}
+
 void run_main_loop(void) {
+    struct pollfd fd_set[POLL_SET_SIZE];
+    build_poll_set(fd_set);
     for (;;) {
+        /* Any failure ends the daemon, an interrupted call included. */
+        if (poll(fd_set, POLL_SET_SIZE, -1) < 0) {
+            CM_LOG(LOG_LEVEL_ERR, "poll() error exiting\n");
+            exit(1);
+        }
+        handle_poll_results(fd_set);
     }
 }

@@ -1,0 +1,351 @@
+/*
+ * The work queue and the worker pool: FIFO order, the stale tail after the
+ * queue empties, four workers running items of different slots in parallel,
+ * and items of one slot serialised by the slot mutex.
+ *
+ * The workers dispatch through g_transition_table; these tests point it at a
+ * table whose transitions record their calls and wait at a gate the test
+ * opens, so the tests decide when a transition returns.
+ */
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "test_support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using chmgr_test::normalized_ring;
+
+constexpr auto kWaitLimit = 10s;
+
+struct Call {
+    int slot_id;
+    int event;
+    bool slot_mutex_held;
+};
+
+/* What the test transitions saw, and the gates they wait at (one per slot). */
+struct Probe {
+    std::mutex m;
+    std::condition_variable cv;
+    std::vector<Call> started;
+    std::vector<Call> finished;
+    bool gate_open[MAX_SLOTS_FOR_9600 + 1] = {};
+    int running = 0;
+    int max_running = 0;
+    int running_in_slot[MAX_SLOTS_FOR_9600 + 1] = {};
+    int max_running_in_slot[MAX_SLOTS_FOR_9600 + 1] = {};
+
+    void reset() {
+        std::lock_guard<std::mutex> lock(m);
+        started.clear();
+        finished.clear();
+        running = max_running = 0;
+        for (int i = 0; i <= MAX_SLOTS_FOR_9600; ++i) {
+            gate_open[i] = true;
+            running_in_slot[i] = max_running_in_slot[i] = 0;
+        }
+    }
+    template <typename Pred>
+    bool wait_until(Pred pred) {
+        std::unique_lock<std::mutex> lock(m);
+        return cv.wait_for(lock, kWaitLimit, pred);
+    }
+    void set_gate(int slot_id, bool open) {
+        std::lock_guard<std::mutex> lock(m);
+        gate_open[slot_id] = open;
+        cv.notify_all();
+    }
+    size_t started_count() {
+        std::lock_guard<std::mutex> lock(m);
+        return started.size();
+    }
+};
+
+Probe g_probe;
+
+template <int Event>
+bool probe_transition(int slot_id) {
+    /* Trylock from the thread that holds a default mutex reports EBUSY. */
+    bool held = pthread_mutex_trylock(&g_slots_info[slot_id - 1].mutex) == EBUSY;
+    std::unique_lock<std::mutex> lock(g_probe.m);
+    g_probe.started.push_back({slot_id, Event, held});
+    g_probe.running++;
+    g_probe.max_running = std::max(g_probe.max_running, g_probe.running);
+    g_probe.running_in_slot[slot_id]++;
+    g_probe.max_running_in_slot[slot_id] =
+        std::max(g_probe.max_running_in_slot[slot_id], g_probe.running_in_slot[slot_id]);
+    g_probe.cv.notify_all();
+    g_probe.cv.wait(lock, [slot_id] { return g_probe.gate_open[slot_id]; });
+    g_probe.running--;
+    g_probe.running_in_slot[slot_id]--;
+    g_probe.finished.push_back({slot_id, Event, held});
+    g_probe.cv.notify_all();
+    return true;
+}
+
+const eventMapFnTable kProbeTable[SLOT_EVENT_COUNT] = {
+    {slot_empty_event, probe_transition<0>, nullptr},       {slot_present_event, probe_transition<1>, nullptr},
+    {slot_verified_event, probe_transition<2>, nullptr},    {slot_synced_event, probe_transition<3>, nullptr},
+    {slot_wait_reload_portd, probe_transition<4>, nullptr}, {slot_powered_event, probe_transition<5>, nullptr},
+    {slot_ready_event, probe_transition<6>, nullptr},       {slot_active_event, probe_transition<7>, nullptr},
+    {slot_timeout_event, probe_transition<8>, nullptr},     {slot_no_event, probe_transition<9>, nullptr},
+};
+
+eventWork *make_work(int slot_id, slotEvent event) {
+    eventWork *work = static_cast<eventWork *>(calloc(1, sizeof(eventWork)));
+    work->slot_id = slot_id;
+    work->event = event;
+    return work;
+}
+
+/* Queues items as the main loop does: under the mutex, then broadcast. */
+void queue_items(const std::vector<std::pair<int, slotEvent>> &items) {
+    pthread_mutex_lock(&g_event_work_que.mutex);
+    for (const auto &item : items) {
+        add_work_to_que(make_work(item.first, item.second));
+        g_event_work_que.work_in_que++;
+    }
+    pthread_cond_broadcast(&g_event_work_que.cond);
+    pthread_mutex_unlock(&g_event_work_que.mutex);
+}
+
+bool queue_is_empty() {
+    pthread_mutex_lock(&g_event_work_que.mutex);
+    bool empty = g_event_work_que.head == nullptr;
+    pthread_mutex_unlock(&g_event_work_que.mutex);
+    return empty;
+}
+
+/* glibc marks a default mutex "locked, with waiters" (lock word 2) once a
+ * thread blocks on it: proof that a worker is waiting for the slot. */
+bool wait_for_slot_mutex_waiter(int slot_id) {
+    auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (__atomic_load_n(&g_slots_info[slot_id - 1].mutex.__data.__lock, __ATOMIC_ACQUIRE) == 2) return true;
+        std::this_thread::sleep_for(1ms);
+    }
+    return false;
+}
+
+bool wait_for_queue_empty() {
+    auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (queue_is_empty()) return true;
+        std::this_thread::sleep_for(1ms);
+    }
+    return false;
+}
+
+void start_workers_once() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        for (int i = 0; i < WORKER_THREAD_COUNT; ++i) {
+            ASSERT_EQ(pthread_create(&g_event_work_que.thread_id[i], nullptr, work_handler, nullptr), 0);
+            pthread_detach(g_event_work_que.thread_id[i]);
+        }
+    });
+}
+
+void drain_queue() {
+    pthread_mutex_lock(&g_event_work_que.mutex);
+    while (eventWork *work = get_work_from_que()) free(work);
+    g_event_work_que.work_in_que = 0;
+    pthread_mutex_unlock(&g_event_work_que.mutex);
+}
+
+/* Works on the queue directly, holding its mutex as the callers must (and
+ * so keeping any idle worker of this program away from the items). */
+class QueueTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        drain_queue();
+        pthread_mutex_lock(&g_event_work_que.mutex);
+    }
+    void TearDown() override {
+        pthread_mutex_unlock(&g_event_work_que.mutex);
+        drain_queue();
+    }
+};
+
+class WorkerPoolTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        chmgr_test::reset_slots();
+        chmgr_test::clear_log_rings();
+        g_probe.reset();
+        g_transition_table = kProbeTable;
+        start_workers_once();
+    }
+    void TearDown() override {
+        for (int slot = 1; slot <= MAX_SLOTS_FOR_9600; ++slot) g_probe.set_gate(slot, true);
+        g_probe.wait_until([] { return g_probe.running == 0; });
+        g_transition_table = g_event_map_fn_table;
+    }
+};
+
+// ---------------------------------------------------------------- the queue
+
+TEST_F(QueueTest, AddToEmptyQueueMakesItemHeadAndTail) {
+    eventWork *work = make_work(3, slot_present_event);
+    work->next = work;  // a stale link is overwritten
+    ASSERT_TRUE(add_work_to_que(work));
+    EXPECT_EQ(g_event_work_que.head, work);
+    EXPECT_EQ(g_event_work_que.tail, work);
+    EXPECT_EQ(work->next, nullptr);
+}
+
+TEST_F(QueueTest, AddingNothingReturnsFalse) {
+    EXPECT_FALSE(add_work_to_que(nullptr));
+    EXPECT_EQ(g_event_work_que.head, nullptr);
+}
+
+TEST_F(QueueTest, EmptyQueueGivesNothing) { EXPECT_EQ(get_work_from_que(), nullptr); }
+
+TEST_F(QueueTest, ItemsComeOutInQueueOrder) {
+    eventWork *a = make_work(1, slot_present_event);
+    eventWork *b = make_work(2, slot_timeout_event);
+    eventWork *c = make_work(1, slot_timeout_event);
+    add_work_to_que(a);
+    add_work_to_que(b);
+    add_work_to_que(c);
+    EXPECT_EQ(g_event_work_que.tail, c);
+    eventWork *first = get_work_from_que();
+    eventWork *second = get_work_from_que();
+    eventWork *third = get_work_from_que();
+    EXPECT_EQ(first, a);
+    EXPECT_EQ(second, b);
+    EXPECT_EQ(third, c);
+    EXPECT_EQ(first->next, nullptr);
+    EXPECT_EQ(second->next, nullptr);
+    EXPECT_EQ(get_work_from_que(), nullptr);
+    free(a);
+    free(b);
+    free(c);
+}
+
+TEST_F(QueueTest, TakingTheLastItemLeavesTheTailAsItWas) {
+    eventWork *a = make_work(1, slot_present_event);
+    add_work_to_que(a);
+    EXPECT_EQ(get_work_from_que(), a);
+    EXPECT_EQ(g_event_work_que.head, nullptr);
+    EXPECT_EQ(g_event_work_que.tail, a);
+    free(a);
+}
+
+TEST_F(QueueTest, RefillAfterEmptyMakesNewItemHeadAndTailDespiteStaleTail) {
+    eventWork *a = make_work(1, slot_present_event);
+    add_work_to_que(a);
+    get_work_from_que();
+    free(a);  // the tail now points at freed memory; it must not be used
+    eventWork *b = make_work(2, slot_verified_event);
+    add_work_to_que(b);
+    EXPECT_EQ(g_event_work_que.head, b);
+    EXPECT_EQ(g_event_work_que.tail, b);
+    EXPECT_EQ(get_work_from_que(), b);
+    free(b);
+}
+
+// ---------------------------------------------------------------- the workers
+
+TEST_F(WorkerPoolTest, WorkerRunsTheEventTransitionWithTheSlotMutexHeld) {
+    queue_items({{6, slot_ready_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 1; }));
+    EXPECT_EQ(g_probe.finished[0].slot_id, 6);
+    EXPECT_EQ(g_probe.finished[0].event, slot_ready_event);
+    EXPECT_TRUE(g_probe.finished[0].slot_mutex_held);
+    /* The worker released the slot and took the item off the count. */
+    ASSERT_TRUE(wait_for_queue_empty());
+    EXPECT_EQ(pthread_mutex_trylock(&g_slots_info[5].mutex), 0);
+    pthread_mutex_unlock(&g_slots_info[5].mutex);
+}
+
+TEST_F(WorkerPoolTest, EveryEventIndexSelectsItsOwnRow) {
+    std::vector<std::pair<int, slotEvent>> items;
+    for (int event = 0; event < SLOT_EVENT_COUNT; ++event) items.push_back({1, (slotEvent)event});
+    queue_items(items);
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == SLOT_EVENT_COUNT; }));
+    std::vector<int> events;
+    for (const auto &call : g_probe.finished) events.push_back(call.event);
+    std::sort(events.begin(), events.end());
+    EXPECT_EQ(events, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
+    EXPECT_EQ(g_probe.max_running_in_slot[1], 1);
+}
+
+TEST_F(WorkerPoolTest, FiveItemsForFiveSlotsRunFourInParallelAndTheFifthWaitsForAFreeWorker) {
+    for (int slot = 1; slot <= 5; ++slot) g_probe.set_gate(slot, false);
+    queue_items({{1, slot_present_event},
+                 {2, slot_present_event},
+                 {3, slot_present_event},
+                 {4, slot_present_event},
+                 {5, slot_present_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 4; }));
+    /* All four workers are inside a transition: the fifth item is still queued. */
+    EXPECT_EQ(g_probe.started_count(), 4u);
+    EXPECT_FALSE(queue_is_empty());
+    pthread_mutex_lock(&g_event_work_que.mutex);
+    EXPECT_EQ(g_event_work_que.work_in_que, 1);
+    EXPECT_EQ(g_event_work_que.head->slot_id, 5);
+    pthread_mutex_unlock(&g_event_work_que.mutex);
+
+    g_probe.set_gate(1, true);  // slot 1 returns, freeing one worker
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.started.size() == 5; }));
+    EXPECT_EQ(g_probe.started[4].slot_id, 5);
+    EXPECT_EQ(g_probe.finished[0].slot_id, 1);
+    EXPECT_EQ(g_probe.max_running, 4);
+}
+
+TEST_F(WorkerPoolTest, SecondItemOfASlotStartsOnlyAfterTheFirstReturns) {
+    g_probe.set_gate(2, false);
+    queue_items({{2, slot_present_event}, {2, slot_timeout_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.started.size() == 1; }));
+    /* The second item has been taken by another worker, which now waits for
+     * the slot mutex rather than running its transition. */
+    ASSERT_TRUE(wait_for_queue_empty());
+    ASSERT_TRUE(wait_for_slot_mutex_waiter(2));
+    EXPECT_EQ(g_probe.started_count(), 1u);
+
+    g_probe.set_gate(2, true);
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 2; }));
+    EXPECT_EQ(g_probe.finished[0].event, slot_present_event);
+    EXPECT_EQ(g_probe.started[1].event, slot_timeout_event);
+    EXPECT_EQ(g_probe.max_running_in_slot[2], 1);
+    EXPECT_TRUE(g_probe.started[1].slot_mutex_held);
+}
+
+TEST_F(WorkerPoolTest, ItemsOfDifferentSlotsDoNotWaitForEachOther) {
+    g_probe.set_gate(7, false);
+    queue_items({{7, slot_ready_event}, {8, slot_ready_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 1; }));
+    EXPECT_EQ(g_probe.finished[0].slot_id, 8);  // slot 7 is still inside its transition
+    EXPECT_EQ(g_probe.running, 1);
+}
+
+TEST_F(WorkerPoolTest, ItemForASlotOutOfRangeIsDroppedWithALine) {
+    queue_items({{0, slot_present_event}, {9, slot_present_event}, {3, (slotEvent)10}, {4, slot_active_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 1; }));
+    EXPECT_EQ(g_probe.finished[0].slot_id, 4);
+    ASSERT_TRUE(wait_for_queue_empty());
+    /* The three bad items are logged by whichever workers took them. */
+    auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
+    while (normalized_ring(0).size() < 3 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(1ms);
+    std::vector<std::string> lines = normalized_ring(0);
+    std::sort(lines.begin(), lines.end());
+    EXPECT_EQ(lines, (std::vector<std::string>{
+                         "[ERR]<T> work_queue.cpp:<N> Dropping work item for slot 0 event 1\n",
+                         "[ERR]<T> work_queue.cpp:<N> Dropping work item for slot 3 event 10\n",
+                         "[ERR]<T> work_queue.cpp:<N> Dropping work item for slot 9 event 1\n",
+                     }));
+}
+
+}  // namespace
