@@ -184,16 +184,10 @@ bool init_slots(void) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to create debug thread\n");  // same text as the debug thread's
         return false;
     }
-    /* Both are statically initialised and unlocked here (no work has been
-     * queued yet); this only re-initialises them. */
-    if (pthread_mutex_init(&g_cards_conf_mutex, nullptr) < 0) {
-        CM_LOG(LOG_LEVEL_ERR, "Unable to create mutex for cards.conf\n");
-        return false;
-    }
-    if (pthread_mutex_init(&g_gearbox_update, nullptr) < 0) {
-        CM_LOG(LOG_LEVEL_ERR, "Unable to create mutex for gearbox\n");
-        return false;
-    }
+    /* g_cards_conf_mutex and g_gearbox_update are statically initialised and
+     * valid from process start.  They are not initialised again here: the
+     * control thread is already serving and may hold g_cards_conf_mutex, and
+     * re-initialising a mutex in use is undefined. */
     return true;
 }
 
