@@ -8,11 +8,7 @@
 // decoder refuses, and "%.16g" text is not always a fixed point (the double
 // just above 1e23 prints as 1e+23, which reads back as the double below it,
 // printed as 9.999999999999999e+22).
-//
-// The library source is compiled into this target so that libFuzzer's
-// coverage instrumentation sees it; the static library itself is built
-// without instrumentation.
-#include "../src/json.cpp"
+#include "json.h"
 
 #include <cstdint>
 #include <cstdio>
