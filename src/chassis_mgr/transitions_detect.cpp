@@ -1,15 +1,163 @@
+/*
+ * The two transitions at the edges of a card's life: insertion
+ * (present_transition) and removal (empty_transition), with the reader that
+ * turns the card's part number into a card type.
+ *
+ * A card is identified from its parsed VPD file: the part number decides the
+ * card type, the serial number and hardware revision are recorded in the
+ * slot.  Removal forgets the card but keeps SLOT_SYNCED: the slot's ports
+ * stay known to portd, so a card put back later needs no second reload.
+ */
+#include <stdlib.h>
+#include <string.h>
+
 #include "chassis_mgr.h"
 
-/* Placeholder: this subsystem is being built; until then it only logs. */
+namespace {
+
+#define VPD_PATH_FMT "/var/run/hw-management/lc%d/eeprom/vpd_parsed"
+#define VPD_VALUE_SIZE 128
+#define CARD_RETRY_SECONDS 5
+#define PRESENT_PERIOD_SECONDS 10
+#define STEP_PERIOD_SECONDS 1
+
+/* Every bit but SLOT_SYNCED, which outlives the card. */
+constexpr int kRemovalMask = SLOT_PRESENT | SLOT_VERIFIED | SLOT_POWERED | SLOT_READY | SLOT_ACTIVE;
+static_assert(kRemovalMask == 59, "removal clears all bits but SLOT_SYNCED");
+
+struct CardsConfLock {
+    CardsConfLock() { pthread_mutex_lock(&g_cards_conf_mutex); }
+    ~CardsConfLock() { pthread_mutex_unlock(&g_cards_conf_mutex); }
+};
+
+/* Records the event the slot waits for next and arms its timer. */
+bool await_event(int slot_id, slotEvent next, uint32_t seconds) {
+    g_slots_info[slot_id - 1].trans_timer.state_monitored = next;
+    return set_slot_timer(slot_id, seconds, 0);
+}
+
+/* A late repeat of an earlier event must not take a slot out of the portd
+ * reload it is parked in (see reload_rendezvous.cpp): it keeps waiting there. */
+slotEvent unless_parked(const slotInfo *slot, slotEvent next) {
+    return slot->trans_timer.state_monitored == slot_wait_reload_portd ? slot_wait_reload_portd : next;
+}
+
+/* Reads one VPD field into `value`; the text is always terminated, also when
+ * the field fills the whole buffer. */
+void read_vpd_field(int slot_id, const char *field, char *value, int size) {
+    char path[CM_PATH_SIZE];
+    env_path(path, sizeof path, VPD_PATH_FMT, slot_id);
+    get_vpd_value(path, field, value, size);
+    value[size - 1] = '\0';
+}
+
+/* Serial number and hardware revision; a missing field leaves "ERROR" and 0. */
+void read_card_identity(int slot_id) {
+    char serial[SERIAL_NO_SIZE];
+    read_vpd_field(slot_id, "SN_VPD_FIELD", serial, sizeof serial);
+    slot_serial_set(slot_id, serial);
+
+    char revision[VPD_VALUE_SIZE];
+    read_vpd_field(slot_id, "HW_REV_FIELD", revision, sizeof revision);
+    g_slots_info[slot_id - 1].hw_revision = (int)strtol(revision, nullptr, 10);
+}
+
+/* A card seen again while already present: only an unknown type is looked
+ * at once more, with one retry after the VPD had time to settle. */
+bool recheck_card_type(int slot_id) {
+    if (g_slots_info[slot_id - 1].card_type != CARD_TYPE_NONE) return true;
+    if (get_card_type(slot_id)) return true;
+    env_sleep(CARD_RETRY_SECONDS);
+    return get_card_type(slot_id) != 0;
+}
+
+}  // namespace
+
+int get_card_type(int slot_id) {
+    CM_ASSERT(slot_id >= 1 && slot_id <= MAX_SLOTS_FOR_9600);
+    slotInfo *slot = &g_slots_info[slot_id - 1];
+    char part[VPD_VALUE_SIZE];
+    read_vpd_field(slot_id, "PN_VPD_FIELD", part, sizeof part);
+
+    /* Prefixes only: suffixes name variants of the same card. */
+    if (strncmp(part, "KTR9600-C16", 11) == 0) {
+        slot->card_type = CARD_TYPE_16X100G;
+        return 1;
+    }
+    if (strncmp(part, "KTR9600-C4", 10) == 0) {
+        slot->card_type = CARD_TYPE_4X400G;
+        return 1;
+    }
+    slot->card_type = CARD_TYPE_NONE;
+    CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Unsupported line card inserted(vpd_value = %s)\n", part);
+    return 0;
+}
 
 bool present_transition(int slot_id) {
-    CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "present_transition is not built yet\n");
+    CM_ASSERT(slot_id >= 1 && slot_id <= 8);
+    slotInfo *slot = &g_slots_info[slot_id - 1];
+    slotEvent next = slot_verified_event;
+
+    if (slot->current_state & SLOT_PRESENT) {
+        CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Already in present state\n");
+        if (!recheck_card_type(slot_id)) {
+            CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Unable to determine card type");
+            slot->in_transition_reload_portd = 0;
+            return false;
+        }
+        next = unless_parked(slot, next);
+    } else {
+        int old_state = slot->current_state;
+        CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Transitioned from %d to SLOT_PRESENT\n", old_state);
+        slot->current_state |= SLOT_PRESENT;
+        if (old_state & SLOT_POWERED) set_led_color(slot_id, 1);
+        /* A slot without a provisioned type gets new ports: portd must reload. */
+        if (!slot->provisioned) slot->in_transition_reload_portd = 1;
+        if (!get_card_type(slot_id)) {
+            /* An unsupported card must not hold back the reload of others. */
+            slot->in_transition_reload_portd = 0;
+            return false;
+        }
+        read_card_identity(slot_id);
+    }
+
+    if (!await_event(slot_id, next, STEP_PERIOD_SECONDS)) {
+        CM_LOG(LOG_LEVEL_ERR, "Unable to set timer\n");
+        return false;
+    }
     return true;
 }
 
 bool empty_transition(int slot_id) {
-    CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "empty_transition is not built yet\n");
+    CM_ASSERT(slot_id >= 1 && slot_id <= MAX_SLOTS_FOR_9600);
+    slotInfo *slot = &g_slots_info[slot_id - 1];
+
+    if (!(slot->current_state & SLOT_PRESENT)) {
+        CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Already in SLOT_EMPTY state\n");
+        return true;
+    }
+    CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Transitioned from %d to SLOT_EMPTY\n", (int)slot->current_state);
+    slot->current_state &= ~kRemovalMask;
+    slot_serial_set(slot_id, "none");
+
+    {
+        CardsConfLock lock;
+        if (slot->provisioned) {
+            /* The slot keeps its provisioned ports for the next card. */
+            int speed = card_type_port_speed(slot->provisioned_type);
+            update_cards_conf(slot_id, 0, speed, speed, 0, 0, slot->disabled);
+        } else {
+            CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Card type present:%d\n", (int)slot->card_type);
+            int speed = card_type_port_speed(slot->card_type);
+            CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "port_speed setting for cards.conf- %d\n", speed);
+            update_cards_conf(slot_id, 0, 0, speed, 0, 0, slot->disabled);
+        }
+        slot->card_type = CARD_TYPE_NONE;
+    }
+
+    if (!await_event(slot_id, slot_present_event, PRESENT_PERIOD_SECONDS)) {
+        CM_LOG(LOG_LEVEL_ERR, "Unable to set timer\n");
+        return false;
+    }
     return true;
 }
-
-int get_card_type(int) { return 0; }

@@ -1,13 +1,122 @@
+/*
+ * Verification and power-up of an inserted card.
+ *
+ * verified_transition accepts or refuses the card (disabled slot, wrong card
+ * for a pre-provisioned slot), asks the hardware to power it and makes sure
+ * the switch firmware holds an INI that fits the card.  powered_transition
+ * records the power, turns the LED orange and decides the next step: SYNCED
+ * when portd does not know the slot's ports yet, else READY.
+ */
+#include <stdio.h>
+
 #include "chassis_mgr.h"
 
-/* Placeholder: this subsystem is being built; until then it only logs. */
+namespace {
+
+#define POWER_FILE_FMT "/var/run/hw-management/system/lc%d_pwr"
+#define STEP_PERIOD_SECONDS 1
+#define POWER_SETTLE_SECONDS 1
+
+struct CardsConfLock {
+    CardsConfLock() { pthread_mutex_lock(&g_cards_conf_mutex); }
+    ~CardsConfLock() { pthread_mutex_unlock(&g_cards_conf_mutex); }
+};
+
+bool await_event(int slot_id, slotEvent next, uint32_t seconds) {
+    g_slots_info[slot_id - 1].trans_timer.state_monitored = next;
+    return set_slot_timer(slot_id, seconds, 0);
+}
+
+/* A late repeat of an earlier event must not take a slot out of the portd
+ * reload it is parked in (see reload_rendezvous.cpp): it keeps waiting there. */
+slotEvent unless_parked(const slotInfo *slot, slotEvent next) {
+    return slot->trans_timer.state_monitored == slot_wait_reload_portd ? slot_wait_reload_portd : next;
+}
+
+/* Asks the hardware to power the card.  The request reaches the file when
+ * it is closed, one second after the write; a file that cannot be opened is
+ * passed over silently, as the hardware then raises no powered event and
+ * the supervision reports the slot. */
+void request_power(int slot_id) {
+    char path[CM_PATH_SIZE];
+    env_path(path, sizeof path, POWER_FILE_FMT, slot_id);
+    FILE *file = fopen(path, "w");
+    if (file) fputs("1\n", file);
+    CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Writing to %s\n", path);
+    env_sleep(POWER_SETTLE_SECONDS);
+    if (file) fclose(file);
+}
+
+/* A pre-provisioned slot takes only the card it was provisioned for. */
+bool accept_provisioned_card(int slot_id) {
+    slotInfo *slot = &g_slots_info[slot_id - 1];
+    if (slot->provisioned_type != slot->card_type) {
+        CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Different card inserted than what is pre-provisioned\n");
+        return false;
+    }
+    int speed = card_type_port_speed(slot->card_type);
+    CardsConfLock lock;
+    update_cards_conf(slot_id, speed, speed, speed, 0, 0, slot->disabled);
+    return true;
+}
+
+}  // namespace
 
 bool verified_transition(int slot_id) {
-    CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "verified_transition is not built yet\n");
+    CM_ASSERT(slot_id >= 1 && slot_id <= 8);
+    slotInfo *slot = &g_slots_info[slot_id - 1];
+
+    slotEvent next = slot_powered_event;
+    if (slot->current_state & SLOT_VERIFIED) {
+        CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Already in VERIFIED state\n");
+        next = unless_parked(slot, next);
+    } else {
+        if (slot->disabled) {
+            CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "card inserted in a slot that is disabled\n");
+            /* A card that stays unpowered must not hold back other slots' reload. */
+            slot->in_transition_reload_portd = 0;
+            return true;
+        }
+        CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Transitioned from %d to SLOT_VERIFIED\n", (int)slot->current_state);
+        slot->current_state |= SLOT_VERIFIED;
+
+        if (slot->provisioned && !accept_provisioned_card(slot_id)) return false;
+
+        request_power(slot_id);
+
+        /* A pre-provisioned slot got its INI when it was provisioned. */
+        if (!slot->slot_in_debug && !slot->provisioned) {
+            CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Checking INI for slot\n");
+            if (!check_and_update_ini_for_lc_insert(slot_id))
+                CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Failed to locate and program INI file\n");
+        }
+    }
+
+    if (!await_event(slot_id, next, STEP_PERIOD_SECONDS)) {
+        CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
+        return false;
+    }
     return true;
 }
 
 bool powered_transition(int slot_id) {
-    CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "powered_transition is not built yet\n");
+    CM_ASSERT(slot_id >= 1 && slot_id <= 8);
+    slotInfo *slot = &g_slots_info[slot_id - 1];
+
+    if (slot->current_state & SLOT_POWERED) {
+        CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Already in POWERED state\n");
+    } else {
+        CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Transitioned from %d to SLOT_POWERED\n", (int)slot->current_state);
+        slot->current_state |= SLOT_POWERED;
+        set_led_color(slot_id, 1);
+    }
+
+    /* A slot parked in the portd reload is released from there, not here. */
+    slot->trans_timer.state_monitored =
+        unless_parked(slot, (slot->current_state & SLOT_SYNCED) ? slot_ready_event : slot_synced_event);
+    if (!set_slot_timer(slot_id, STEP_PERIOD_SECONDS, 0)) {
+        CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
+        return false;
+    }
     return true;
 }
