@@ -1,0 +1,134 @@
+"""The event sources and the poll loop of the real chassis-mgr binary: file
+wake-ups per slot, files that appear after start-up, the per-slot timers of
+empty slots, bad event files, and the exit on a poll failure."""
+
+import os
+import re
+import resource
+import subprocess
+import time
+
+from conftest import daemon_binary, read_text, wait_until, write_once
+from test_startup import console_lines, inotify_watch_counts, wait_in_main_loop
+
+SCALE = 0.001
+EMPTY_POLL_PERIOD = 10 * SCALE  # seconds
+TIMER_VALUE = re.compile(r"^it_value: \((\d+), (\d+)\)$", re.M)
+TIMER_INTERVAL = re.compile(r"^it_interval: \((\d+), (\d+)\)$", re.M)
+
+
+def received(handle, slot):
+    """Number of "Received event" lines of the slot so far (a message without
+    a line end may come before one on the same console line)."""
+    return len(re.findall(rf"\[SLOT{slot}\] event_loop\.cpp:\d+ Received event\n", handle.console()))
+
+
+def wait_received(handle, slot, count):
+    wait_until(lambda: received(handle, slot) >= count,
+               what=f"{count} 'Received event' lines of slot {slot}")
+    return received(handle, slot)
+
+
+def slot_timers(pid):
+    """(remaining, interval) in seconds of every timer descriptor of the process."""
+    timers = []
+    for fd in os.listdir(f"/proc/{pid}/fd"):
+        try:
+            if os.readlink(f"/proc/{pid}/fd/{fd}") != "anon_inode:[timerfd]":
+                continue
+            info = read_text(f"/proc/{pid}/fdinfo/{fd}")
+        except OSError:
+            continue
+        value = TIMER_VALUE.search(info)
+        interval = TIMER_INTERVAL.search(info)
+        timers.append((int(value[1]) + int(value[2]) / 1e9, int(interval[1]) + int(interval[2]) / 1e9))
+    return timers
+
+
+def test_file_write_wakes_its_slot_and_the_files_decide_the_event(sandbox, daemon):
+    handle = daemon.start()
+    wait_in_main_loop(handle)
+    write_once(sandbox.event(4, "synced"), "1")  # not the awaited file: no event
+    wait_received(handle, 4, 1)
+    write_once(sandbox.event(4, "present"), "1")  # the awaited file reads 1
+    wait_received(handle, 4, 2)
+    slot4 = [line for line in console_lines(handle) if line.startswith("[SLOT4] ")
+             and ("event_loop" in line or "slot_model" in line)]
+    assert slot4[-3:] == ["[SLOT4] event_loop.cpp:<N> Received event\n",
+                          "[SLOT4] event_loop.cpp:<N> Received event\n",
+                          "[SLOT4] slot_model.cpp:<N> Event received\n"]
+    assert all(received(handle, slot) == 0 for slot in (1, 2, 3, 5, 6, 7, 8))
+
+
+def test_each_write_read_by_the_loop_is_one_wakeup(sandbox, daemon):
+    handle = daemon.start()
+    wait_in_main_loop(handle)
+    for count in range(1, 6):
+        write_once(sandbox.event(6, "ready"), "0")
+        wait_received(handle, 6, count)
+    assert received(handle, 6) == 5
+
+
+def test_event_file_created_after_start_up_never_wakes_the_loop(sandbox, daemon):
+    late = sandbox.event(2, "active")
+    late.unlink()
+    handle = daemon.start()
+    wait_until(lambda: inotify_watch_counts(handle.pid).count(6) == 7
+               and 5 in inotify_watch_counts(handle.pid),
+               what="the watches, slot 2 without its active file")
+    write_once(late, "1")
+    write_once(late, "0")
+    # A write to a watched file of the same slot, after the late ones: once it
+    # is seen, any wake-up from the late file would have been seen before it.
+    write_once(sandbox.event(2, "verified"), "0")
+    wait_received(handle, 2, 1)
+    assert received(handle, 2) == 1
+
+
+def test_empty_slots_are_polled_every_ten_seconds_scaled_and_never_declared_stuck(sandbox, daemon):
+    handle = daemon.start(scale=SCALE)
+    wait_in_main_loop(handle)
+    # Watch the eight one-shot timers for at least 30 periods: each is re-armed
+    # on every expiry, so it is always found armed for at most one period.
+    started = time.monotonic()
+    samples = 0
+    while time.monotonic() - started < 30 * EMPTY_POLL_PERIOD or samples < 10:
+        timers = slot_timers(handle.pid)
+        assert len(timers) == 8
+        for remaining, interval in timers:
+            assert interval == 0
+            assert remaining <= EMPTY_POLL_PERIOD
+        samples += 1
+    assert handle.proc.poll() is None
+    text = handle.console()
+    assert "Received timer event" not in text
+    assert "stuck" not in text
+
+
+def test_bad_event_files_are_read_without_harm(sandbox, daemon):
+    handle = daemon.start()
+    wait_in_main_loop(handle)
+    count = 0
+    for content in (b"", b"\xff\x00\x01binary", b"1" + b"x" * (4 << 20), b"2", b"\n"):
+        write_once(sandbox.event(7, "present"), content)
+        count += 1
+        wait_received(handle, 7, count)
+    sandbox.event(7, "powered").unlink()  # removing a watched file ends its watch
+    write_once(sandbox.event(7, "ready"), "1")
+    wait_until(lambda: received(handle, 7) >= count + 1, what="slot 7 still woken")
+    assert handle.proc.poll() is None
+
+
+def test_poll_failure_logs_and_exits_with_status_1(sandbox):
+    # poll refuses a set larger than the descriptors the process may open.
+    def few_descriptors():
+        resource.setrlimit(resource.RLIMIT_NOFILE, (12, 12))
+
+    # A thread sanitizer build would report the threads left running by exit().
+    env = dict(sandbox.env, CHMGR_TIME_SCALE=str(SCALE), TSAN_OPTIONS="report_thread_leaks=0")
+    result = subprocess.run([str(daemon_binary())], env=env, cwd=sandbox.base, capture_output=True,
+                            text=True, stdin=subprocess.DEVNULL, timeout=30, check=False,
+                            preexec_fn=few_descriptors)
+    assert result.returncode == 1
+    # Other threads may still log while the process exits.
+    assert re.search(r"(^|\n)event_loop\.cpp:\d+ ERR poll\(\) error exiting\n", result.stdout)
