@@ -1,0 +1,80 @@
+# Installation rules, included at the end of the top-level CMakeLists.txt.
+#
+# Two components:
+#   daemon  the daemon (sbin), chmgrctl (bin), manual pages, the systemd unit,
+#           the tmpfiles rule, the options file, the cards.conf template and
+#           example, bash completion, operator documentation;
+#   sim     the simulated chassis: the hardware emulator and the demo tool
+#           with their documentation.
+#
+#   cmake --install BUILD --prefix /usr                      # everything
+#   DESTDIR=/tmp/stage cmake --install BUILD --prefix /usr --component sim
+#
+# Files written by other parts of the project that may not exist yet are
+# installed OPTIONAL: they are picked up as soon as they appear.
+
+set(CHMGR_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING
+    "Directory of the systemd unit (relative paths are under the prefix)")
+set(CHMGR_TMPFILES_DIR "lib/tmpfiles.d" CACHE STRING
+    "Directory of the tmpfiles.d rule (relative paths are under the prefix)")
+set(CHMGR_SIM_DOCDIR "${CMAKE_INSTALL_DATAROOTDIR}/doc/chassis-mgr-sim" CACHE STRING
+    "Documentation directory of the simulated chassis (component sim)")
+
+set(_chmgr_src "${CMAKE_CURRENT_SOURCE_DIR}")
+
+# --- component daemon ------------------------------------------------------
+install(TARGETS chassis-mgr RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}" COMPONENT daemon)
+if(TARGET chmgrctl)
+  install(TARGETS chmgrctl RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT daemon)
+endif()
+
+install(FILES "${_chmgr_src}/docs/man/chassis-mgr.8"
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT daemon)
+install(FILES "${_chmgr_src}/docs/man/chmgrctl.8"
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT daemon OPTIONAL)
+install(FILES "${_chmgr_src}/docs/man/cards.conf.5"
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man5" COMPONENT daemon)
+
+# The unit names the daemon and its options file by absolute path: make them
+# follow the prefix (the file in packaging/ is written for the prefix /usr).
+set(_chmgr_unit_in "${_chmgr_src}/packaging/systemd/chassis-mgr.service")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${_chmgr_unit_in}")
+file(READ "${_chmgr_unit_in}" _chmgr_unit)
+string(REPLACE "ExecStart=/usr/sbin/" "ExecStart=${CMAKE_INSTALL_FULL_SBINDIR}/" _chmgr_unit "${_chmgr_unit}")
+string(REPLACE "EnvironmentFile=-/etc/default/" "EnvironmentFile=-${CMAKE_INSTALL_FULL_SYSCONFDIR}/default/"
+       _chmgr_unit "${_chmgr_unit}")
+file(CONFIGURE OUTPUT "${CMAKE_CURRENT_BINARY_DIR}/packaging/chassis-mgr.service"
+     CONTENT "${_chmgr_unit}" @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/packaging/chassis-mgr.service"
+        DESTINATION "${CHMGR_SYSTEMD_UNIT_DIR}" COMPONENT daemon)
+
+install(FILES "${_chmgr_src}/packaging/tmpfiles/chassis-mgr.conf"
+        DESTINATION "${CHMGR_TMPFILES_DIR}" COMPONENT daemon)
+install(FILES "${_chmgr_src}/packaging/default/chassis-mgr"
+        DESTINATION "${CMAKE_INSTALL_FULL_SYSCONFDIR}/default" COMPONENT daemon)
+
+# cards.conf is the daemon's state as much as its configuration: it is never
+# installed into /etc by cmake.  The template is what a package copies there
+# when the file is missing; the example is the same text, for reading.
+install(FILES "${_chmgr_src}/packaging/cards.conf.example"
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/chassis-mgr" RENAME cards.conf COMPONENT daemon)
+install(FILES "${_chmgr_src}/packaging/cards.conf.example"
+        DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" RENAME cards.conf COMPONENT daemon)
+
+install(FILES "${_chmgr_src}/contrib/bash-completion/chmgrctl"
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT daemon OPTIONAL)
+
+install(FILES "${_chmgr_src}/README.md" "${_chmgr_src}/docs/operations.md"
+        DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT daemon)
+install(FILES "${_chmgr_src}/docs/architecture.md" "${_chmgr_src}/docs/cards-conf.md"
+        DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT daemon OPTIONAL)
+
+# --- component sim ---------------------------------------------------------
+install(PROGRAMS "${_chmgr_src}/tools/chmgr-hwemu"
+        DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT sim)
+install(PROGRAMS "${_chmgr_src}/tools/chmgr-demo"
+        DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT sim OPTIONAL)
+install(FILES "${_chmgr_src}/docs/simulator.md"
+        DESTINATION "${CHMGR_SIM_DOCDIR}" COMPONENT sim)
+install(FILES "${_chmgr_src}/docs/hardware-emulator.md"
+        DESTINATION "${CHMGR_SIM_DOCDIR}" COMPONENT sim OPTIONAL)
