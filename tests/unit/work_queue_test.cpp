@@ -126,12 +126,30 @@ bool queue_is_empty() {
     return empty;
 }
 
-/* glibc marks a default mutex "locked, with waiters" (lock word 2) once a
- * thread blocks on it: proof that a worker is waiting for the slot. */
-bool wait_for_slot_mutex_waiter(int slot_id) {
+unsigned long turns_handed_out(int slot_id) {
+    unsigned long handed_out = 0, ended = 0;
+    work_queue_slot_turns(slot_id, &handed_out, &ended);
+    return handed_out;
+}
+
+/* True once `count` more items of the slot have left the queue for a worker
+ * than at `base`: those items hold their turn and wait for it. */
+bool wait_for_turns_handed_out(int slot_id, unsigned long base, unsigned long count) {
     auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
     while (std::chrono::steady_clock::now() < deadline) {
-        if (__atomic_load_n(&g_slots_info[slot_id - 1].mutex.__data.__lock, __ATOMIC_ACQUIRE) == 2) return true;
+        if (turns_handed_out(slot_id) - base >= count) return true;
+        std::this_thread::sleep_for(1ms);
+    }
+    return false;
+}
+
+/* True once every turn handed out for the slot has ended. */
+bool wait_for_turns_ended(int slot_id) {
+    auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        unsigned long handed_out = 0, ended = 0;
+        work_queue_slot_turns(slot_id, &handed_out, &ended);
+        if (handed_out == ended) return true;
         std::this_thread::sleep_for(1ms);
     }
     return false;
@@ -263,8 +281,10 @@ TEST_F(WorkerPoolTest, WorkerRunsTheEventTransitionWithTheSlotMutexHeld) {
     EXPECT_EQ(g_probe.finished[0].slot_id, 6);
     EXPECT_EQ(g_probe.finished[0].event, slot_ready_event);
     EXPECT_TRUE(g_probe.finished[0].slot_mutex_held);
-    /* The worker released the slot and took the item off the count. */
+    /* The worker released the slot (its turn ends after the unlock) and took
+     * the item off the count. */
     ASSERT_TRUE(wait_for_queue_empty());
+    ASSERT_TRUE(wait_for_turns_ended(6));
     EXPECT_EQ(pthread_mutex_trylock(&g_slots_info[5].mutex), 0);
     pthread_mutex_unlock(&g_slots_info[5].mutex);
 }
@@ -306,12 +326,13 @@ TEST_F(WorkerPoolTest, FiveItemsForFiveSlotsRunFourInParallelAndTheFifthWaitsFor
 
 TEST_F(WorkerPoolTest, SecondItemOfASlotStartsOnlyAfterTheFirstReturns) {
     g_probe.set_gate(2, false);
+    unsigned long base = turns_handed_out(2);
     queue_items({{2, slot_present_event}, {2, slot_timeout_event}});
     ASSERT_TRUE(g_probe.wait_until([] { return g_probe.started.size() == 1; }));
     /* The second item has been taken by another worker, which now waits for
-     * the slot mutex rather than running its transition. */
+     * its turn rather than running its transition. */
     ASSERT_TRUE(wait_for_queue_empty());
-    ASSERT_TRUE(wait_for_slot_mutex_waiter(2));
+    ASSERT_TRUE(wait_for_turns_handed_out(2, base, 2));
     EXPECT_EQ(g_probe.started_count(), 1u);
 
     g_probe.set_gate(2, true);
@@ -320,6 +341,26 @@ TEST_F(WorkerPoolTest, SecondItemOfASlotStartsOnlyAfterTheFirstReturns) {
     EXPECT_EQ(g_probe.started[1].event, slot_timeout_event);
     EXPECT_EQ(g_probe.max_running_in_slot[2], 1);
     EXPECT_TRUE(g_probe.started[1].slot_mutex_held);
+}
+
+TEST_F(WorkerPoolTest, ItemsOfOneSlotStartInQueueOrderWhileTheyWaitForTheSlot) {
+    /* Three items wait behind a running one; however the waiting workers are
+     * woken, the items start in the order the main loop queued them. */
+    for (int round = 0; round < 20; ++round) {
+        g_probe.reset();
+        g_probe.set_gate(3, false);
+        unsigned long base = turns_handed_out(3);
+        queue_items({{3, slot_present_event}, {3, slot_verified_event}, {3, slot_powered_event},
+                     {3, slot_timeout_event}});
+        ASSERT_TRUE(wait_for_turns_handed_out(3, base, 4));
+        g_probe.set_gate(3, true);
+        ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 4; }));
+        std::vector<int> order;
+        for (const Call &call : g_probe.started) order.push_back(call.event);
+        EXPECT_EQ(order, (std::vector<int>{slot_present_event, slot_verified_event, slot_powered_event,
+                                           slot_timeout_event}))
+            << "round " << round;
+    }
 }
 
 TEST_F(WorkerPoolTest, ItemsOfDifferentSlotsDoNotWaitForEachOther) {
