@@ -41,7 +41,7 @@ std::vector<ks_port_attributes_t> card_ports(int slot, int count) {
 }
 
 std::string entry(int line_no, int slot, int module, int local) {
-    char text[64];
+    char text[96];  // four ints of up to 11 characters, the blanks and the line feed
     snprintf(text, sizeof text, "%2d        %2d        %2d        %2d\n", line_no, slot, module, local);
     return text;
 }
