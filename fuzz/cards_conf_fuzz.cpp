@@ -17,8 +17,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <ftw.h>
-#include <sys/stat.h>
 
 #include <string>
 #include <string_view>
@@ -26,14 +24,11 @@
 
 #include "cards_conf_line.h"
 #include "chassis_mgr.h"
+#include "fuzz_sandbox.h"
 
 namespace {
 
-std::string g_root;
 std::string g_conf_path;
-
-int remove_entry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
-void remove_root() { nftw(g_root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS); }
 
 void fail(const char *what, std::string_view detail) {
     fprintf(stderr, "cards_conf_fuzz: %s: [%.*s]\n", what, (int)detail.size(), detail.data());
@@ -232,21 +227,13 @@ void check_field_writer(std::string_view input, Writer writer, const Params &p) 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    /* Memory-backed when available: every input rewrites the file a dozen times. */
-    char shm_root[] = "/dev/shm/chmgr-fuzz-XXXXXX";
-    char tmp_root[] = "/tmp/chmgr-fuzz-XXXXXX";
-    const char *root = mkdtemp(shm_root);
-    if (!root) root = mkdtemp(tmp_root);
-    if (!root) abort();
-    g_root = root;
-    atexit(remove_root);
-    std::string dir = std::string(root) + "/etc";
-    mkdir(dir.c_str(), 0755);
-    dir += "/tarnel";
-    mkdir(dir.c_str(), 0755);
+    /* Every input rewrites the file a dozen times: memory-backed when available. */
+    std::string root = fuzz_sandbox::make_root("chmgr-fuzz");
+    if (root.empty()) abort();
+    fuzz_sandbox::make_dirs(root + "/etc/tarnel");
     char err[256];
-    if (!env_configure(root, nullptr, err, sizeof err)) fail("env_configure", err);
-    g_conf_path = dir + "/cards.conf";
+    if (!env_configure(root.c_str(), nullptr, err, sizeof err)) fail("env_configure", err);
+    g_conf_path = root + "/etc/tarnel/cards.conf";
     g_log_fd = fopen("/dev/null", "w");
     g_log_level = LOG_LEVEL_CRIT;
     for (int i = 0; i < MAX_SLOTS_FOR_9600; ++i) g_slots_info[i].slot_id = i + 1;

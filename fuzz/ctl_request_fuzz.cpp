@@ -10,7 +10,6 @@
  * document, and a stand-in `systemctl` first on PATH.  The clock factor is
  * tiny, so the polls of a disable or an un-provisioning cost microseconds.
  */
-#include <ftw.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -20,16 +19,12 @@
 #include <string>
 
 #include "chassis_mgr.h"
+#include "fuzz_sandbox.h"
 #include "ks_sim.h"
 
 namespace {
 
 std::string g_root;
-
-void make_dirs(const std::string &path) {
-    for (size_t i = 1; i <= path.size(); ++i)
-        if (i == path.size() || path[i] == '/') mkdir(path.substr(0, i).c_str(), 0755);
-}
 
 void write_file(const std::string &path, const std::string &content, mode_t mode = 0644) {
     FILE *file = fopen(path.c_str(), "w");
@@ -39,30 +34,25 @@ void write_file(const std::string &path, const std::string &content, mode_t mode
     chmod(path.c_str(), mode);
 }
 
-int remove_entry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
-
-void remove_root(void) { nftw(g_root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS); }
-
 void make_sandbox(void) {
-    char tmpl[] = "/tmp/chmgr-fuzz-XXXXXX";
-    if (!mkdtemp(tmpl)) abort();
-    g_root = tmpl;
-    atexit(remove_root);
+    /* /tmp only: /dev/shm may be mounted noexec, and the systemctl stand-in runs from here. */
+    g_root = fuzz_sandbox::make_root("chmgr-fuzz", {"/tmp"});
+    if (g_root.empty()) abort();
     for (const char *dir : {"/etc/tarnel", "/etc/brl", "/var/run/hw-management/events", "/var/run/hw-management/system",
                             "/var/run/ks-sim", "/run/chassismgr", "/bin"})
-        make_dirs(g_root + dir);
+        fuzz_sandbox::make_dirs(g_root + dir);
     std::string conf;
     for (int slot = 1; slot <= MAX_SLOTS_FOR_9600; ++slot) {
         std::string n = std::to_string(slot);
         for (const char *event : {"present", "verified", "synced", "powered", "active", "ready"})
             write_file(g_root + "/var/run/hw-management/events/lc" + n + "_" + event, "0");
         write_file(g_root + "/var/run/hw-management/system/lc" + n + "_pwr", "0");
-        make_dirs(g_root + "/var/run/hw-management/lc" + n + "/eeprom");
+        fuzz_sandbox::make_dirs(g_root + "/var/run/hw-management/lc" + n + "/eeprom");
         conf += n + "       0G        0G                 0G        0  Offline   enable\n";
     }
     /* Slot 3 is synced and its firmware holds a fitting INI: pre-provisioning it gets far. */
     write_file(g_root + "/var/run/hw-management/events/lc3_synced", "1");
-    make_dirs(g_root + "/var/run/ks-sim/slot3");
+    fuzz_sandbox::make_dirs(g_root + "/var/run/ks-sim/slot3");
     write_file(g_root + "/var/run/ks-sim/slot3/ini_identity", "3 2 5\n");
     write_file(g_root + "/etc/tarnel/cards.conf", conf);
     write_file(g_root + "/etc/brl/chmgr_ports_list.txt", "");

@@ -11,12 +11,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <ftw.h>
-#include <sys/stat.h>
 
 #include <string>
 
 #include "chassis_mgr.h"
+#include "fuzz_sandbox.h"
 
 namespace {
 
@@ -57,33 +56,14 @@ void check_eeprom(const uint8_t *data, size_t size) {
     check(expected == ini.ini_file_name, "EEPROM image name");
 }
 
-std::string g_sandbox;
-
-int remove_entry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
-
-/* The sandbox goes away when the fuzzer exits normally. */
-void remove_sandbox() {
-    if (!g_sandbox.empty()) nftw(g_sandbox.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    /* Memory-backed when possible: the target rewrites files on every run. */
-    char shm_tmpl[] = "/dev/shm/ini-header-fuzz-XXXXXX";
-    char tmp_tmpl[] = "/tmp/ini-header-fuzz-XXXXXX";
-    const char *root = mkdtemp(shm_tmpl);
-    if (!root) root = mkdtemp(tmp_tmpl);
+    g_root = fuzz_sandbox::make_root("ini-header-fuzz");
     char err[256];
-    if (!root || !env_configure(root, "0.0001", err, sizeof err)) abort();
-    g_sandbox = root;
-    atexit(remove_sandbox);
-    g_root = root;
-    std::string dir = g_root;
-    for (const char *part : {"/var", "/run", "/hw-management", "/lc1", "/eeprom"}) {
-        dir += part;
-        mkdir(dir.c_str(), 0755);
-    }
+    if (g_root.empty() || !env_configure(g_root.c_str(), "0.0001", err, sizeof err)) abort();
+    std::string dir = g_root + "/var/run/hw-management/lc1/eeprom";
+    fuzz_sandbox::make_dirs(dir);
     g_parsed_path = dir + "/ini_parsed";
     g_log_level = LOG_LEVEL_CRIT;
     for (int i = 0; i < MAX_SLOTS_FOR_9600; ++i) g_slots_info[i].slot_id = i + 1;

@@ -10,6 +10,7 @@
 // printed as 9.999999999999999e+22).
 #include "json.h"
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -46,6 +47,10 @@ double reread(double value) {
 
 bool same_bits(double a, double b) {
     return memcmp(&a, &b, sizeof a) == 0;
+}
+
+bool is_container(const JsonNode *node) {
+    return node->tag == JSON_ARRAY || node->tag == JSON_OBJECT;
 }
 
 struct Facts {

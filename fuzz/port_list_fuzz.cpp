@@ -13,13 +13,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <ftw.h>
-#include <sys/stat.h>
 
 #include <string>
 #include <string_view>
 
 #include "chmgr_sdk.h"
+#include "fuzz_sandbox.h"
 
 namespace {
 
@@ -92,32 +91,14 @@ void check_rewritten(const std::string &text, int slot_id) {
     check(entries <= kCapacity, "more entries than the table holds");
 }
 
-std::string g_sandbox;
-
-int remove_entry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
-
-/* The sandbox goes away when the fuzzer exits normally. */
-void remove_sandbox() {
-    if (!g_sandbox.empty()) nftw(g_sandbox.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    /* Memory-backed when possible: the target rewrites files on every run. */
-    char shm_tmpl[] = "/dev/shm/port-list-fuzz-XXXXXX";
-    char tmp_tmpl[] = "/tmp/port-list-fuzz-XXXXXX";
-    const char *root = mkdtemp(shm_tmpl);
-    if (!root) root = mkdtemp(tmp_tmpl);
+    std::string root = fuzz_sandbox::make_root("port-list-fuzz");
     char err[256];
-    if (!root || !env_configure(root, "0.0001", err, sizeof err)) abort();
-    g_sandbox = root;
-    atexit(remove_sandbox);
-    std::string dir = std::string(root) + "/etc";
-    mkdir(dir.c_str(), 0755);
-    dir += "/brl";
-    mkdir(dir.c_str(), 0755);
-    g_path = dir + "/chmgr_ports_list.txt";
+    if (root.empty() || !env_configure(root.c_str(), "0.0001", err, sizeof err)) abort();
+    fuzz_sandbox::make_dirs(root + "/etc/brl");
+    g_path = root + "/etc/brl/chmgr_ports_list.txt";
     g_log_level = LOG_LEVEL_CRIT;  /* keep the console quiet; the rings still fill */
     return 0;
 }

@@ -2,33 +2,22 @@
 for broken daemons, against small stand-in servers)."""
 
 import json
-import os
 import socket
-import struct
 import subprocess
 import threading
-from pathlib import Path
 
 import pytest
 
-from conftest import REPO, timeout_factor, wait_until
+from conftest import (CTL_HEADER, SOCKET_RELPATH, built_binary, ctl_exchange, ctl_request, start_listening,
+                      timeout_factor, wait_until)
 
-HEADER = struct.Struct("<6I")
-SOCKET_RELPATH = "run/chassismgr/chassismgr"
 DOCUMENT_RELPATH = "etc/tarnel/cm_status.json"
 EMPTY_TABLE = ("SLOT  CARD TYPE  SERIAL NO  STATE  INI  PROVISIONED\n" +
                "".join(f"{s}     none       none       Empty  0.0  no\n" for s in range(1, 9)))
 
 
 def client_binary():
-    configured = os.environ.get("CHMGR_BUILD_DIR")
-    binary = (Path(configured).resolve() if configured else REPO / "build") / "chmgrctl"
-    if not os.access(binary, os.X_OK):
-        message = f"client binary {binary} not found (build it or set CHMGR_BUILD_DIR)"
-        if configured:
-            pytest.fail(message, pytrace=False)
-        pytest.skip(message)
-    return binary
+    return built_binary("chmgrctl", "client")
 
 
 def chmgrctl(sandbox, *args, env=None):
@@ -38,45 +27,12 @@ def chmgrctl(sandbox, *args, env=None):
                           text=True, stdin=subprocess.DEVNULL, timeout=60 * timeout_factor())
 
 
-
-def socket_listening(sandbox):
-    """True once the daemon listens on its socket (seen in /proc/net/unix,
-    without connecting: a connection would be served as a request)."""
-    path = str(sandbox.path(SOCKET_RELPATH))
-    with open("/proc/net/unix", encoding="utf-8", errors="replace") as table:
-        for line in table:
-            fields = line.split()
-            if len(fields) >= 8 and fields[7] == path and int(fields[3], 16) & 0x10000:
-                return True
-    return False
-
-def start(sandbox, daemon):
-    handle = daemon.start()
-    wait_until(lambda: socket_listening(sandbox), what="the control socket to listen")
-    return handle
-
-
 def bring_up(sandbox, slot):
     if not sandbox.emulators:
         sandbox.start_emulator()
     sandbox.insert(slot, pn="KTR9600-C16", sn=f"SN{slot:08d}", rev=2)
     wait_until(lambda: json.loads(chmgrctl(sandbox, "show", slot, "--json").stdout)["slots"][0]["state"]
                == "Operational", timeout=20, what=f"slot {slot} to be operational")
-
-
-def raw_exchange(sandbox, cmd, slot, seq=1):
-    sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    sock.connect(str(sandbox.path(SOCKET_RELPATH)))  # blocking: waits for room in the backlog
-    sock.settimeout(20 * timeout_factor())
-    sock.sendall(HEADER.pack(cmd, 24, seq, slot, 0, 0))
-    data = b""
-    while True:
-        chunk = sock.recv(65536)
-        if not chunk:
-            break
-        data += chunk
-    sock.close()
-    return data
 
 
 class StandInServer:
@@ -110,14 +66,14 @@ class StandInServer:
 
 
 def test_show_prints_a_table_of_all_slots(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     result = chmgrctl(sandbox, "show")
     assert (result.returncode, result.stdout, result.stderr) == (0, EMPTY_TABLE, "")
     assert chmgrctl(sandbox, "show", "all").stdout == EMPTY_TABLE
 
 
 def test_show_json_lists_every_slot(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     result = chmgrctl(sandbox, "--json", "show")
     assert result.returncode == 0
     assert json.loads(result.stdout) == {"slots": [
@@ -128,7 +84,7 @@ def test_show_json_lists_every_slot(sandbox, daemon):
 
 
 def test_show_and_detail_of_an_operational_card(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     bring_up(sandbox, 3)
     show = chmgrctl(sandbox, "show", "3")
     assert show.stdout == ("SLOT  CARD TYPE    SERIAL NO   STATE        INI  PROVISIONED\n"
@@ -148,7 +104,7 @@ def test_show_and_detail_of_an_operational_card(sandbox, daemon):
 
 
 def test_detail_of_all_slots_prints_eight_blocks(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     result = chmgrctl(sandbox, "detail")
     assert result.returncode == 0
     blocks = result.stdout.split("\n\n")
@@ -161,7 +117,7 @@ def test_detail_of_all_slots_prints_eight_blocks(sandbox, daemon):
 
 
 def test_enable_and_disable_report_each_slot_or_all(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     assert chmgrctl(sandbox, "enable", "2").stdout == "slot 2: enabled\n"
     assert chmgrctl(sandbox, "disable", "all").stdout == "all slots: disabled\n"
     assert all(line.endswith("disable") for line in sandbox.read("etc/tarnel/cards.conf").splitlines())
@@ -173,15 +129,15 @@ def test_enable_and_disable_report_each_slot_or_all(sandbox, daemon):
 
 
 def test_success_never_shows_the_stale_text_of_an_earlier_failure(sandbox, daemon):
-    start(sandbox, daemon)
-    stale = raw_exchange(sandbox, 3, 9)  # a failed enable leaves its text in the daemon's buffer
+    start_listening(sandbox, daemon)
+    stale = ctl_exchange(sandbox, ctl_request(3, 9))  # a failed enable leaves its text in the daemon's buffer
     assert stale[24:54] == b"Bad slot received from CTL cmd"
     result = chmgrctl(sandbox, "enable", "1")
     assert (result.returncode, result.stdout, result.stderr) == (0, "slot 1: enabled\n", "")
 
 
 def test_provision_refused_for_an_active_card_exits_1_with_the_daemon_text(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     bring_up(sandbox, 2)
     result = chmgrctl(sandbox, "provision", "2", "C4")
     assert result.returncode == 1
@@ -196,14 +152,14 @@ def test_provision_refused_for_an_active_card_exits_1_with_the_daemon_text(sandb
 
 
 def test_provision_timeout_text_is_shown_without_its_line_feed(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     result = chmgrctl(sandbox, "provision", "3", "KTR9600-C16")
     assert result.returncode == 1
     assert result.stderr == "chmgrctl: provision slot 3 failed: TIMEOUT: INI programing SYNC event\n"
 
 
 def test_provision_and_unprovision_of_an_empty_slot(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     sandbox.write("var/run/hw-management/events/lc7_synced", "1")
     result = chmgrctl(sandbox, "provision", "7", "c16")
     assert (result.returncode, result.stdout, result.stderr) == (
@@ -219,7 +175,7 @@ def test_provision_and_unprovision_of_an_empty_slot(sandbox, daemon):
 
 
 def test_unprovision_warns_with_the_text_of_a_failed_step(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     sandbox.sim_set("faults", "ks_mgmt_slot_ini_operation_set 4\n")
     result = chmgrctl(sandbox, "unprovision", "4")
     assert result.returncode == 0
@@ -234,7 +190,7 @@ def test_unprovision_warns_with_the_text_of_a_failed_step(sandbox, daemon):
 
 
 def test_status_json_is_the_status_document(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     result = chmgrctl(sandbox, "status", "--json")
     assert result.returncode == 0
     assert result.stdout == sandbox.read(DOCUMENT_RELPATH) + "\n"
@@ -242,7 +198,7 @@ def test_status_json_is_the_status_document(sandbox, daemon):
 
 
 def test_status_of_an_active_card_for_people(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     bring_up(sandbox, 4)
     # The active transition sets the state bit before it stops awaiting events.
     result = wait_until(lambda: (lambda r: r if "  Expected event:  empty\n" in r.stdout else None)(
@@ -260,7 +216,7 @@ def test_status_of_an_active_card_for_people(sandbox, daemon):
 
 
 def test_status_of_an_empty_slot_reads_none(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     lines = chmgrctl(sandbox, "status", "1").stdout.splitlines()
     assert lines[3] == "  State:           none"
     assert lines[9] == "  Up time:         -"
@@ -279,7 +235,7 @@ def test_missing_daemon_is_explained(sandbox):
 
 
 def test_socket_option_overrides_the_root(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     result = chmgrctl(sandbox, "--socket", sandbox.path(SOCKET_RELPATH), "show",
                       env={"CHMGR_ROOT": "/nonexistent"})
     assert result.stdout == EMPTY_TABLE
@@ -310,7 +266,7 @@ def test_short_or_foreign_replies_are_reported(sandbox):
     finally:
         server.close()
     path = sandbox.base / "foreign.sock"
-    server = StandInServer(path, lambda request: HEADER.pack(5, 1024, 0, 255, 0, 0) + b"\0" * 1000)
+    server = StandInServer(path, lambda request: CTL_HEADER.pack(5, 1024, 0, 255, 0, 0) + b"\0" * 1000)
     try:
         result = chmgrctl(sandbox, "--socket", path, "show")
         assert result.returncode == 3

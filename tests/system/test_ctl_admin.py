@@ -1,78 +1,30 @@
 """Line-card administration over the control socket, against the running
 daemon, with cards brought up by the hardware emulator."""
 
-import re
-import socket
-import struct
+from conftest import CTL_HEADER, console_lines, ctl_exchange, ctl_request, padded, start_listening, wait_until
 
-from conftest import timeout_factor, wait_until
-
-HEADER = struct.Struct("<6I")
-SOCKET_RELPATH = "run/chassismgr/chassismgr"
 CONF_RELPATH = "etc/tarnel/cards.conf"
-LINE_NUMBER = re.compile(r"(\.cpp):\d+ ")
 FAILURE = 0xFFFFFFF0  # -16
 LINECARD_ENABLE, LINECARD_DISABLE, SHOW_SUMMARY = 3, 4, 5
 PRE_PROVISION_ENABLE, PRE_PROVISION_DISABLE = 7, 8
 
 
-def request(cmd, slot, seq=1, card_type=0, length=24):
-    return HEADER.pack(cmd, length, seq, slot, 0, card_type)
-
-
 def exchange(sandbox, data):
-    sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    try:
-        sock.connect(str(sandbox.path(SOCKET_RELPATH)))  # blocking: waits for room in the backlog
-        sock.settimeout(30 * timeout_factor())
-        sock.sendall(data)
-        reply = b""
-        while True:
-            chunk = sock.recv(65536)
-            if not chunk:
-                return reply
-            reply += chunk
-    finally:
-        sock.close()
+    # A reply may wait for a card to go down and for a reload of portd: a longer time-out.
+    return ctl_exchange(sandbox, data, timeout=30)
 
 
 def command(sandbox, cmd, slot, card_type=0, seq=1):
     """(status, status_str) of a 1,024-byte reply that echoes the request."""
-    reply = exchange(sandbox, request(cmd, slot, seq=seq, card_type=card_type))
+    reply = exchange(sandbox, ctl_request(cmd, slot, seq=seq, card_type=card_type))
     assert len(reply) == 1024
-    rcmd, length, rseq, rslot, status, rtype = HEADER.unpack(reply[:24])
+    rcmd, length, rseq, rslot, status, rtype = CTL_HEADER.unpack(reply[:24])
     assert (rcmd, length, rseq, rslot, rtype) == (cmd, 24, seq, slot, card_type)
     return status, reply[24:152]
 
 
-def padded(text, size=128):
-    return text + b"\0" * (size - len(text))
-
-
-def console_lines(daemon):
-    return [LINE_NUMBER.sub(r"\1:<N> ", line) for line in daemon.console().splitlines()]
-
-
-
-def socket_listening(sandbox):
-    """True once the daemon listens on its socket (seen in /proc/net/unix,
-    without connecting: a connection would be served as a request)."""
-    path = str(sandbox.path(SOCKET_RELPATH))
-    with open("/proc/net/unix", encoding="utf-8", errors="replace") as table:
-        for line in table:
-            fields = line.split()
-            if len(fields) >= 8 and fields[7] == path and int(fields[3], 16) & 0x10000:
-                return True
-    return False
-
-def start(sandbox, daemon):
-    handle = daemon.start()
-    wait_until(lambda: socket_listening(sandbox), what="the control socket to listen")
-    return handle
-
-
 def slot_state(sandbox, slot):
-    reply = exchange(sandbox, request(SHOW_SUMMARY, slot))
+    reply = exchange(sandbox, ctl_request(SHOW_SUMMARY, slot))
     return reply[24 + 76:24 + 108].split(b"\0", 1)[0].decode()
 
 
@@ -92,7 +44,7 @@ def conf_line(sandbox, slot):
 
 
 def test_enable_of_slot_0_answers_success_and_changes_nothing(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     before = sandbox.read(CONF_RELPATH)
     status, _ = command(sandbox, LINECARD_ENABLE, 0)
     assert status == 0
@@ -100,7 +52,7 @@ def test_enable_of_slot_0_answers_success_and_changes_nothing(sandbox, daemon):
 
 
 def test_enable_of_slot_9_answers_failure_without_a_log_line(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     status, text = command(sandbox, LINECARD_ENABLE, 9)
     assert status == FAILURE
     assert text == padded(b"Bad slot received from CTL cmd")
@@ -110,7 +62,7 @@ def test_enable_of_slot_9_answers_failure_without_a_log_line(sandbox, daemon):
 
 
 def test_pre_provision_of_card_type_2_is_refused(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     status, text = command(sandbox, PRE_PROVISION_ENABLE, 3, card_type=2)
     assert status == FAILURE
     assert text == padded(b"Attempting to pre-provision unsupported card type")
@@ -119,7 +71,7 @@ def test_pre_provision_of_card_type_2_is_refused(sandbox, daemon):
 
 
 def test_powered_enabled_slot_is_refused_until_disabled(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     bring_up(sandbox, 2)
     status, text = command(sandbox, PRE_PROVISION_ENABLE, 2, card_type=3)
     assert status == FAILURE
@@ -136,7 +88,7 @@ def test_powered_enabled_slot_is_refused_until_disabled(sandbox, daemon):
 
 
 def test_disable_then_enable_brings_the_card_back(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     bring_up(sandbox, 6)
     status, _ = command(sandbox, LINECARD_DISABLE, 6)
     assert status == 0
@@ -154,7 +106,7 @@ def test_disable_then_enable_brings_the_card_back(sandbox, daemon):
 
 
 def test_synced_file_reading_0_gives_the_timeout_after_two_waiting_lines(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     status, text = command(sandbox, PRE_PROVISION_ENABLE, 3, card_type=3)
     assert status == FAILURE
     assert text == padded(b"TIMEOUT: INI programing SYNC event\n")
@@ -165,7 +117,7 @@ def test_synced_file_reading_0_gives_the_timeout_after_two_waiting_lines(sandbox
 
 
 def test_pre_provision_of_an_empty_slot_programs_the_ini_and_reloads_portd(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     sandbox.write("var/run/hw-management/events/lc7_synced", "1")
     status, _ = command(sandbox, PRE_PROVISION_ENABLE, 7, card_type=3)
     assert status == 0
@@ -175,7 +127,7 @@ def test_pre_provision_of_an_empty_slot_programs_the_ini_and_reloads_portd(sandb
 
 
 def test_unprovision_with_a_failing_ini_reset_answers_0_with_the_text(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     sandbox.sim_set("faults", "ks_mgmt_slot_ini_operation_set 4\n")
     status, text = command(sandbox, PRE_PROVISION_DISABLE, 4)
     assert status == 0
@@ -184,7 +136,7 @@ def test_unprovision_with_a_failing_ini_reset_answers_0_with_the_text(sandbox, d
 
 
 def test_unprovision_of_a_bad_slot_is_refused(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     status, text = command(sandbox, PRE_PROVISION_DISABLE, 9)
     assert status == FAILURE
     assert text == padded(b"Bad slot received from CTL cmd")

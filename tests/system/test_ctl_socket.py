@@ -6,35 +6,20 @@ with line numbers replaced by <N>.
 """
 
 import random
-import re
 import socket
 import struct
 
-from conftest import timeout_factor, wait_until
+from conftest import (CTL_HEADER, SOCKET_RELPATH, console_lines, ctl_connect, ctl_request, padded, start_listening,
+                      wait_until)
 
-HEADER = struct.Struct("<6I")
-SOCKET_RELPATH = "run/chassismgr/chassismgr"
 BAD_SLOT_TEXT = b"Bad slot received from CTL cmd"
 FAILURE = 0xFFFFFFF0  # -16
-LINE_NUMBER = re.compile(r"(\.cpp):\d+ ")
 
 SHOW_SUMMARY, SHOW_DETAIL, DEBUG_SLOT, LINECARD_ENABLE = 5, 6, 9, 3
 
 
-def request(cmd, slot, seq=1, card_type=0, length=24):
-    return HEADER.pack(cmd, length, seq, slot, 0, card_type)
-
-
 def header(reply):
-    return HEADER.unpack(reply[:24])  # cmd, len, seq, slot_no, status, card_type
-
-
-def padded(text, size=128):
-    return text + b"\0" * (size - len(text))
-
-
-def console_lines(daemon):
-    return [LINE_NUMBER.sub(r"\1:<N> ", line) for line in daemon.console().splitlines()]
+    return CTL_HEADER.unpack(reply[:24])  # cmd, len, seq, slot_no, status, card_type
 
 
 def count(daemon, line):
@@ -43,9 +28,7 @@ def count(daemon, line):
 
 class Client:
     def __init__(self, sandbox):
-        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.sock.connect(str(sandbox.path(SOCKET_RELPATH)))  # blocking: waits for room in the backlog
-        self.sock.settimeout(20 * timeout_factor())
+        self.sock = ctl_connect(sandbox)
 
     def send(self, data):
         self.sock.sendall(data)
@@ -79,45 +62,27 @@ def exchange(sandbox, data):
         client.close()
 
 
-
-def socket_listening(sandbox):
-    """True once the daemon listens on its socket (seen in /proc/net/unix,
-    without connecting: a connection would be served as a request)."""
-    path = str(sandbox.path(SOCKET_RELPATH))
-    with open("/proc/net/unix", encoding="utf-8", errors="replace") as table:
-        for line in table:
-            fields = line.split()
-            if len(fields) >= 8 and fields[7] == path and int(fields[3], 16) & 0x10000:
-                return True
-    return False
-
-def start(sandbox, daemon):
-    handle = daemon.start()
-    wait_until(lambda: socket_listening(sandbox), what="the control socket to listen")
-    return handle
-
-
 def test_maintenance_codes_close_without_a_reply(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     for cmd in (1, 2):
-        assert exchange(sandbox, request(cmd, 1)) == b""
+        assert exchange(sandbox, ctl_request(cmd, 1)) == b""
     assert count(handle, "ctl_socket.cpp:<N> Received CTL packet") == 2
     assert not any("Received CTL cmd" in line for line in console_lines(handle))
 
 
 def test_unknown_codes_close_without_a_reply(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     for cmd in (0, 10, 11, 0xFFFF, 0xFFFFFFFF):
-        assert exchange(sandbox, request(cmd, 255)) == b""
+        assert exchange(sandbox, ctl_request(cmd, 255)) == b""
     assert count(handle, "ctl_socket.cpp:<N> Received CTL packet") == 5
     assert not any("Received CTL cmd" in line for line in console_lines(handle))
 
 
 def test_split_request_gets_exactly_one_extra_receive(sandbox, daemon):
-    handle = start(sandbox, daemon)
-    exchange(sandbox, request(SHOW_SUMMARY, 1, seq=1, card_type=0x11111111))
+    handle = start_listening(sandbox, daemon)
+    exchange(sandbox, ctl_request(SHOW_SUMMARY, 1, seq=1, card_type=0x11111111))
     split_line = "ctl_socket.cpp:<N> We have TCP packets that are split"
-    full = request(SHOW_SUMMARY, 3, seq=2, card_type=0x22222222)
+    full = ctl_request(SHOW_SUMMARY, 3, seq=2, card_type=0x22222222)
     client = Client(sandbox)
     client.send(full[:8])
     wait_until(lambda: count(handle, split_line) == 1, what="the split-packet line")
@@ -132,10 +97,10 @@ def test_split_request_gets_exactly_one_extra_receive(sandbox, daemon):
 
 
 def test_len_of_1024_or_more_never_asks_for_more(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     for length in (1024, 1025, 0xFFFFFFFF):
         client = Client(sandbox)
-        client.send(request(SHOW_SUMMARY, 0, seq=length & 0xFF, length=length)[:12])
+        client.send(ctl_request(SHOW_SUMMARY, 0, seq=length & 0xFF, length=length)[:12])
         reply = client.read_all()  # the client does not end sending: no wait for more
         client.close()
         assert len(reply) == 1024
@@ -143,9 +108,9 @@ def test_len_of_1024_or_more_never_asks_for_more(sandbox, daemon):
 
 
 def test_len_1023_waits_once_then_serves_what_came(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     client = Client(sandbox)
-    client.send(request(SHOW_SUMMARY, 0, seq=9, length=1023))
+    client.send(ctl_request(SHOW_SUMMARY, 0, seq=9, length=1023))
     wait_until(lambda: count(handle, "ctl_socket.cpp:<N> We have TCP packets that are split") == 1,
                what="the split-packet line")
     client.end_sending()
@@ -156,14 +121,14 @@ def test_len_1023_waits_once_then_serves_what_came(sandbox, daemon):
 
 
 def test_two_clients_are_served_one_after_the_other(sandbox, daemon):
-    handle = start(sandbox, daemon)
-    first = request(SHOW_SUMMARY, 1, seq=100)
+    handle = start_listening(sandbox, daemon)
+    first = ctl_request(SHOW_SUMMARY, 1, seq=100)
     a = Client(sandbox)
     a.send(first[:8])
     wait_until(lambda: count(handle, "ctl_socket.cpp:<N> We have TCP packets that are split") == 1,
                what="the first client to be in service")
     b = Client(sandbox)
-    b.send(request(SHOW_DETAIL, 2, seq=200))
+    b.send(ctl_request(SHOW_DETAIL, 2, seq=200))
     assert count(handle, "ctl_socket.cpp:<N> Received CTL packet") == 1  # b waits in the backlog
     a.send(first[8:])
     reply_a = a.read_all()
@@ -180,12 +145,12 @@ def test_two_clients_are_served_one_after_the_other(sandbox, daemon):
 
 
 def test_success_after_a_failure_still_carries_the_old_text(sandbox, daemon):
-    start(sandbox, daemon)
-    failed = exchange(sandbox, request(LINECARD_ENABLE, 9, seq=1))
+    start_listening(sandbox, daemon)
+    failed = exchange(sandbox, ctl_request(LINECARD_ENABLE, 9, seq=1))
     assert len(failed) == 1024
     assert header(failed) == (3, 24, 1, 9, FAILURE, 0)
     assert failed[24:152] == padded(BAD_SLOT_TEXT)
-    ok = exchange(sandbox, request(LINECARD_ENABLE, 0, seq=2))
+    ok = exchange(sandbox, ctl_request(LINECARD_ENABLE, 0, seq=2))
     assert header(ok) == (3, 24, 2, 0, 0, 0)
     assert ok[24:152] == padded(BAD_SLOT_TEXT)
 
@@ -193,14 +158,14 @@ def test_success_after_a_failure_still_carries_the_old_text(sandbox, daemon):
 def test_stale_socket_file_is_replaced(sandbox, daemon):
     stale = sandbox.path(SOCKET_RELPATH)
     stale.write_text("left over by an earlier run\n")
-    start(sandbox, daemon)
-    reply = exchange(sandbox, request(SHOW_SUMMARY, 255))
+    start_listening(sandbox, daemon)
+    reply = exchange(sandbox, ctl_request(SHOW_SUMMARY, 255))
     assert len(reply) == 1024
 
 
 def test_client_that_sends_nothing_gets_the_previous_request_served_again(sandbox, daemon):
-    handle = start(sandbox, daemon)
-    exchange(sandbox, request(SHOW_SUMMARY, 2, seq=77))
+    handle = start_listening(sandbox, daemon)
+    exchange(sandbox, ctl_request(SHOW_SUMMARY, 2, seq=77))
     client = Client(sandbox)
     client.end_sending()
     reply = client.read_all()
@@ -210,42 +175,42 @@ def test_client_that_sends_nothing_gets_the_previous_request_served_again(sandbo
 
 
 def test_client_gone_before_its_reply_does_not_stop_the_daemon(sandbox, daemon):
-    handle = start(sandbox, daemon)
-    exchange(sandbox, request(SHOW_SUMMARY, 2, seq=5))
+    handle = start_listening(sandbox, daemon)
+    exchange(sandbox, ctl_request(SHOW_SUMMARY, 2, seq=5))
     for _ in range(3):
         Client(sandbox).close()
     wait_until(lambda: sum(count(handle, f"ctl_socket.cpp:<N> ERROR from perror - {text}")
                            for text in ("Broken pipe", "Connection reset by peer")) == 3,
                what="three failed sends")
-    assert header(exchange(sandbox, request(SHOW_SUMMARY, 1, seq=6)))[2] == 6
+    assert header(exchange(sandbox, ctl_request(SHOW_SUMMARY, 1, seq=6)))[2] == 6
     assert handle.proc.poll() is None
 
 
 def test_stalled_client_is_given_up_and_served_with_what_came(sandbox, daemon):
     """A client that sends part of a request and waits is served once the
     daemon's 5-second receive limit passes (with the buffer's old bytes)."""
-    handle = start(sandbox, daemon)
-    exchange(sandbox, request(LINECARD_ENABLE, 0, seq=1, card_type=0x33))
+    handle = start_listening(sandbox, daemon)
+    exchange(sandbox, ctl_request(LINECARD_ENABLE, 0, seq=1, card_type=0x33))
     client = Client(sandbox)
-    client.send(request(SHOW_SUMMARY, 0, seq=2)[:8])
+    client.send(ctl_request(SHOW_SUMMARY, 0, seq=2)[:8])
     reply = client.read_all()
     client.close()
     assert len(reply) == 1024
     assert header(reply)[:4] == (5, 1024, 1, 0)
     assert header(reply)[5] == 0x33
-    assert exchange(sandbox, request(SHOW_SUMMARY, 1, seq=3))[8] == 3
+    assert exchange(sandbox, ctl_request(SHOW_SUMMARY, 1, seq=3))[8] == 3
     assert handle.proc.poll() is None
 
 
 def test_bad_input_never_stops_the_daemon(sandbox, daemon):
     """Short, long and garbled requests of every code and slot; the daemon
     answers or closes each one and keeps serving."""
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     rng = random.Random(20240601)
-    cases = [b"", b"\x05", request(SHOW_SUMMARY, 255)[:23], b"\xff" * 2000]
+    cases = [b"", b"\x05", ctl_request(SHOW_SUMMARY, 255)[:23], b"\xff" * 2000]
     for length in (0, 23, 24, 1023, 1024, 0xFFFFFFFF):
         for cmd in (0, 1, 2, 5, 6, 9, 10, 0xFFFFFFFF):
-            cases.append(request(cmd, rng.choice((0, 1, 8, 9, 255, 256, 0xFFFFFFFF)), length=length))
+            cases.append(ctl_request(cmd, rng.choice((0, 1, 8, 9, 255, 256, 0xFFFFFFFF)), length=length))
     for _ in range(60):
         size = rng.choice((rng.randrange(0, 24), rng.randrange(24, 200), rng.randrange(1000, 1100)))
         body = bytes(rng.randrange(256) for _ in range(size))
@@ -260,5 +225,5 @@ def test_bad_input_never_stops_the_daemon(sandbox, daemon):
         client.close()
         assert len(reply) in (0, 1024) or header(reply)[0] == DEBUG_SLOT, data[:24].hex()
         assert handle.proc.poll() is None, handle.describe()
-    reply = exchange(sandbox, request(SHOW_SUMMARY, 255, seq=4242))
+    reply = exchange(sandbox, ctl_request(SHOW_SUMMARY, 255, seq=4242))
     assert header(reply)[:5] == (5, 1024, 4242, 255, 0)

@@ -11,13 +11,12 @@ from pathlib import Path
 
 import pytest
 
-from conftest import daemon_binary, read_text, status_document, wait_until
+from conftest import (console_lines, daemon_binary, in_main_loop, inotify_watch_counts, read_text, status_document,
+                      wait_debug_trigger_watched, wait_in_main_loop, wait_until)
 
 PID_RELPATH = "var/run/chassis-mgr.pid"
 EXIT_BAD_ARGUMENT = 10
 EXIT_HALT = 1
-# Console line: "file.cpp:123 " then the message; slot lines start with "[SLOTn] ".
-LINE_NO = re.compile(r"(\.cpp):\d+ ")
 
 
 def usage(program):
@@ -47,49 +46,8 @@ def run_binary(sandbox, *args, env=None, timeout=10):
                           timeout=timeout, check=False)
 
 
-def inotify_watch_counts(pid):
-    """Watches per inotify descriptor of the process."""
-    counts = []
-    for fd in os.listdir(f"/proc/{pid}/fd"):
-        try:
-            if os.readlink(f"/proc/{pid}/fd/{fd}") != "anon_inode:inotify":
-                continue
-            counts.append(read_text(f"/proc/{pid}/fdinfo/{fd}").count("inotify wd:"))
-        except OSError:
-            continue
-    return counts
-
-
-def in_main_loop(pid):
-    """The slot watches (eight instances of six) are placed right before the
-    poll loop starts, after every start-up step."""
-    return inotify_watch_counts(pid).count(6) == 8
-
-
-def wait_in_main_loop(handle, pid=None):
-    pid = pid or handle.pid
-
-    def ready():
-        if handle.proc.poll() is not None and pid == handle.pid:
-            pytest.fail(f"daemon exited\n{handle.describe()}", pytrace=False)
-        return in_main_loop(pid)
-    wait_until(ready, what=f"daemon {pid} to reach its poll loop")
-
-
-def wait_debug_trigger_watched(handle):
-    """The status document is rewritten through the debug trigger file, whose
-    watch (one inotify instance with one watch) the debug thread places on its
-    own schedule: wait for it before asking for a document."""
-    wait_until(lambda: 1 in inotify_watch_counts(handle.pid), what="the debug trigger's watch")
-
-
 def pid_file_text(sandbox):
     return sandbox.read(PID_RELPATH)
-
-
-def console_lines(handle):
-    """Console lines with line numbers replaced by <N>."""
-    return [LINE_NO.sub(r"\1:<N> ", line) for line in handle.console().splitlines(keepends=True)]
 
 
 # ---------------------------------------------------------------- options
@@ -133,7 +91,7 @@ def test_unknown_level_name_is_skipped_and_parsing_continues(sandbox):
 def test_unknown_level_name_leaves_the_threshold_at_info(sandbox, daemon):
     handle = daemon.start("-l", "VERBOSE", "-emul")
     wait_in_main_loop(handle)
-    lines = console_lines(handle)
+    lines = console_lines(handle, keepends=True)
     assert "sdk_connection.cpp:<N> KS api open success handle = 1\n" in lines
     assert "[SLOT1] startup.cpp:<N> Initial empty slot detected\n" in lines
 
@@ -245,7 +203,7 @@ def test_pid_directory_that_is_not_writable_halts_with_status_1(sandbox):
 def test_console_goes_to_standard_output_once_the_pid_file_is_locked(sandbox, daemon):
     handle = daemon.start()
     wait_in_main_loop(handle)
-    lines = console_lines(handle)
+    lines = console_lines(handle, keepends=True)
     assert lines[0] == "sdk_connection.cpp:<N> KS api open success handle = 1\n"
     assert handle.stderr() == ""
 
@@ -253,7 +211,7 @@ def test_console_goes_to_standard_output_once_the_pid_file_is_locked(sandbox, da
 def test_every_empty_slot_is_announced_in_slot_order(sandbox, daemon):
     handle = daemon.start()
     wait_in_main_loop(handle)
-    empty = [line for line in console_lines(handle) if "Initial empty slot detected" in line]
+    empty = [line for line in console_lines(handle, keepends=True) if "Initial empty slot detected" in line]
     assert empty == [f"[SLOT{slot}] startup.cpp:<N> Initial empty slot detected\n" for slot in range(1, 9)]
 
 
@@ -261,7 +219,7 @@ def test_synced_file_at_start_up_is_announced(sandbox, daemon):
     sandbox.write("var/run/hw-management/events/lc2_synced", "1")
     handle = daemon.start()
     wait_in_main_loop(handle)
-    lines = console_lines(handle)
+    lines = console_lines(handle, keepends=True)
     synced = lines.index("[SLOT2] slot_model.cpp:<N> Synced during bootup\n")
     assert lines.index("[SLOT2] startup.cpp:<N> Initial empty slot detected\n") > synced
 
@@ -304,7 +262,7 @@ def test_missing_slot_folders_leave_those_slots_alone(sandbox, daemon):
     wait_until(lambda: sorted(inotify_watch_counts(handle.pid)).count(6) == 7
                and 0 in inotify_watch_counts(handle.pid),
                what="the watches of the seven complete slots")
-    lines = console_lines(handle)
+    lines = console_lines(handle, keepends=True)
     assert f"[SLOT5] slot_model.cpp:<N> Unable to open {events}/lc5_synced\n" in lines
     assert "[SLOT5] startup.cpp:<N> Initial empty slot detected\n" not in lines
     assert "[SLOT6] startup.cpp:<N> Initial empty slot detected\n" in lines

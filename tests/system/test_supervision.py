@@ -7,8 +7,7 @@ import os
 import re
 import time
 
-from conftest import status_document, wait_until, write_once
-from test_startup import wait_debug_trigger_watched, wait_in_main_loop
+from conftest import status_document, wait_debug_trigger_watched, wait_in_main_loop, wait_until, write_once
 
 SCALE = 0.001
 STUCK = re.compile(r"\[SLOT3\] supervision\.cpp:\d+ ERR slot state stuck and not changing state "

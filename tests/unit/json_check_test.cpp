@@ -1,6 +1,7 @@
 // json_check: every structural fault is found and named, on trees broken by
 // hand. Each test repairs its tree before deleting it.
 #include "json.h"
+#include "json_test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -10,13 +11,7 @@
 
 namespace {
 
-struct Tree {
-    explicit Tree(JsonNode *root) : node(root) {}
-    ~Tree() { json_delete(node); }
-    Tree(const Tree &) = delete;
-    Tree &operator=(const Tree &) = delete;
-    JsonNode *node;
-};
+using chmgr_test::Tree;
 
 // The message json_check writes, or "sound" when it passes.
 std::string check(const JsonNode *node) {

@@ -2,6 +2,7 @@
 // documents, the values decoding yields, and nesting far deeper than any
 // call stack could take.
 #include "json.h"
+#include "json_test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -15,19 +16,8 @@
 
 namespace {
 
-struct Tree {
-    explicit Tree(JsonNode *root) : node(root) {}
-    ~Tree() { json_delete(node); }
-    Tree(const Tree &) = delete;
-    Tree &operator=(const Tree &) = delete;
-    JsonNode *node;
-};
-
-std::string take(char *text) {
-    std::string result = text != nullptr ? text : "(null)";
-    free(text);
-    return result;
-}
+using chmgr_test::Tree;
+using chmgr_test::take;
 
 // ---------------------------------------------------------------------------
 // Conformance table. A valid document lists the compact text its tree

@@ -1,6 +1,7 @@
 // JSON document model: constructors, editing, lookups, encoders, the
 // assertions that guard misuse, out-of-memory handling and the string builder.
 #include "json.h"
+#include "json_test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -26,20 +27,8 @@ extern "C" const char *__asan_default_options() {
 
 namespace {
 
-// Owns a tree for the duration of a test.
-struct Tree {
-    explicit Tree(JsonNode *root) : node(root) {}
-    ~Tree() { json_delete(node); }
-    Tree(const Tree &) = delete;
-    Tree &operator=(const Tree &) = delete;
-    JsonNode *node;
-};
-
-std::string take(char *text) {
-    std::string result = text != nullptr ? text : "(null)";
-    free(text);
-    return result;
-}
+using chmgr_test::Tree;
+using chmgr_test::take;
 
 std::string encode(const JsonNode *node) {
     return take(json_encode(node));

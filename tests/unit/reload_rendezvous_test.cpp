@@ -4,29 +4,14 @@
  * the dirty bits; a parked slot held by another one re-tries every 3 s.
  */
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <sys/timerfd.h>
 
 #include <thread>
 
-#include "test_support.h"
+#include "transition_test_support.h"
 
 using namespace chmgr_test;
 
 namespace {
-
-constexpr long long kSecond = 1000000000LL;
-const char *const kStandinBin = "/standin-bin";
-
-std::string slot_line(int slot, const std::string &level, const std::string &file, const std::string &msg) {
-    return "[SLOT" + std::to_string(slot) + ":" + level + "]<T> " + file + ":<N> " + msg;
-}
-
-std::string global_line(const std::string &level, const std::string &file, const std::string &msg) {
-    return "[" + level + "]<T> " + file + ":<N> " + msg;
-}
 
 std::string scan_line(int slot, int flag, int state) {
     return global_line("INFO", "reload_rendezvous.cpp",
@@ -34,105 +19,43 @@ std::string scan_line(int slot, int flag, int state) {
                            " state = " + std::to_string(state) + "\n");
 }
 
-std::string conf_line(int slot, int detected, int provisioned, int configured, int dirty, const char *state,
-                      const char *admin) {
-    char line[256];
-    snprintf(line, sizeof line, "%d       %dG        %dG               %3dG        %d  %s   %s\n", slot, detected,
-             provisioned, configured, dirty, state, admin);
-    return line;
+/* The ring of the slot that parked last and reloaded portd for all. */
+std::vector<std::string> reload_lines(int slot) {
+    return {
+        slot_line(slot, "INFO", "reload_rendezvous.cpp", "Transitioned to WAIT_RELOAD_PORTD\n"),
+        slot_line(slot, "INFO", "reload_rendezvous.cpp", "Reloading portd...\n"),
+        slot_line(slot, "INFO", "reload_rendezvous.cpp", "portd reloaded\n"),
+    };
 }
 
-long long timer_remaining_ns(int slot) {
-    struct itimerspec current = {};
-    timerfd_gettime(g_slots_info[slot - 1].trans_timer.timer_fd, &current);
-    return (long long)current.it_value.tv_sec * kSecond + current.it_value.tv_nsec;
+/* cards.conf with the new cards of slots 3 and 5, their dirty bits `dirty`. */
+std::string new_cards_conf(int dirty) {
+    std::string conf;
+    for (int s = 1; s <= 8; ++s)
+        conf += (s == 3 || s == 5) ? conf_line(s, 100, 0, 100, dirty, "Offline", "enable")
+                                   : conf_line(s, 0, 0, 0, 0, "Offline", "enable");
+    return conf;
 }
 
-bool timer_armed(int slot) {
-    struct pollfd ready = {g_slots_info[slot - 1].trans_timer.timer_fd, POLLIN, 0};
-    return timer_remaining_ns(slot) > 0 || poll(&ready, 1, 0) > 0;
-}
-
-void disarm_timers() {
-    for (auto &slot : g_slots_info) {
-        struct itimerspec zero = {};
-        timerfd_settime(slot.trans_timer.timer_fd, 0, &zero, nullptr);
-    }
-}
-
-class BrokenTimer {
-  public:
-    explicit BrokenTimer(int slot) : slot_(slot), saved_(g_slots_info[slot - 1].trans_timer.timer_fd) {
-        g_slots_info[slot - 1].trans_timer.timer_fd = -1;
-    }
-    ~BrokenTimer() { g_slots_info[slot_ - 1].trans_timer.timer_fd = saved_; }
-
-  private:
-    int slot_;
-    int saved_;
-};
-
-class RendezvousTest : public ::testing::Test {
+class RendezvousTest : public TransitionTest {
   protected:
+    RendezvousTest() : TransitionTest("1") {}
+
     void SetUp() override {
-        reset_slots();
-        disarm_timers();
-        clear_log_rings();
-        root_.all_events("0");
-        std::string bin = root_.at(kStandinBin);
-        mkdir(bin.c_str(), 0755);
-        script(std::string(kStandinBin) + "/systemctl",
-               "echo \"$*\" >> \"$0.calls\"\n"
-               "rc=0; [ -r \"$0.exit\" ] && read -r rc < \"$0.exit\"\n"
-               "exit $rc\n");
-        saved_path_ = getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin";
-        setenv("PATH", (bin + ":" + saved_path_).c_str(), 1);
+        TransitionTest::SetUp();
+        install_systemctl_with_exit_code();
         /* Two new cards recorded dirty by their synced step. */
-        std::string conf;
-        for (int s = 1; s <= 8; ++s)
-            conf += (s == 3 || s == 5) ? conf_line(s, 100, 0, 100, 1, "Offline", "enable")
-                                       : conf_line(s, 0, 0, 0, 0, "Offline", "enable");
-        root_.write("/etc/tarnel/cards.conf", conf);
+        root_.write("/etc/tarnel/cards.conf", new_cards_conf(1));
     }
-
-    void TearDown() override { setenv("PATH", saved_path_.c_str(), 1); }
-
-    void script(const std::string &abs, const std::string &body) {
-        root_.write(abs, "#!/bin/sh\n" + body);
-        chmod(root_.at(abs).c_str(), 0755);
-    }
-
-    std::string systemctl_calls() { return root_.read(std::string(kStandinBin) + "/systemctl.calls"); }
 
     /* A new card that reached SYNCED: flagged for the reload, awaiting synced. */
     void synced_card(int slot_id, bool powered) {
-        slotInfo &s = g_slots_info[slot_id - 1];
-        s.current_state = SLOT_PRESENT | SLOT_VERIFIED | SLOT_SYNCED | (powered ? SLOT_POWERED : 0);
-        s.card_type = CARD_TYPE_16X100G;
-        s.in_transition_reload_portd = 1;
-        s.trans_timer.state_monitored = slot_synced_event;
+        arriving_card(slot_id);
+        g_slots_info[slot_id - 1].current_state =
+            SLOT_PRESENT | SLOT_VERIFIED | SLOT_SYNCED | (powered ? SLOT_POWERED : 0);
     }
 
-    /* A new card still on its way: flagged, not yet at SYNCED. */
-    void arriving_card(int slot_id) {
-        slotInfo &s = g_slots_info[slot_id - 1];
-        s.current_state = SLOT_PRESENT | SLOT_VERIFIED | SLOT_POWERED;
-        s.card_type = CARD_TYPE_16X100G;
-        s.in_transition_reload_portd = 1;
-        s.trans_timer.state_monitored = slot_synced_event;
-    }
-
-    std::string clean_conf() {
-        std::string conf;
-        for (int s = 1; s <= 8; ++s)
-            conf += (s == 3 || s == 5) ? conf_line(s, 100, 0, 100, 0, "Offline", "enable")
-                                       : conf_line(s, 0, 0, 0, 0, "Offline", "enable");
-        return conf;
-    }
-
-    SandboxRoot root_{"1"};
-    ConsoleCapture console_;
-    std::string saved_path_;
+    std::string clean_conf() { return new_cards_conf(0); }
 };
 
 TEST_F(RendezvousTest, LoneNewCardReloadsAtOnce) {
@@ -146,12 +69,7 @@ TEST_F(RendezvousTest, LoneNewCardReloadsAtOnce) {
     EXPECT_GT(timer_remaining_ns(3), 0);
     EXPECT_LE(timer_remaining_ns(3), 1 * kSecond);
     EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), clean_conf());
-    EXPECT_EQ(normalized_ring(3),
-              (std::vector<std::string>{
-                  slot_line(3, "INFO", "reload_rendezvous.cpp", "Transitioned to WAIT_RELOAD_PORTD\n"),
-                  slot_line(3, "INFO", "reload_rendezvous.cpp", "Reloading portd...\n"),
-                  slot_line(3, "INFO", "reload_rendezvous.cpp", "portd reloaded\n"),
-              }));
+    EXPECT_EQ(normalized_ring(3), reload_lines(3));
     EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{
                                       scan_line(1, 0, 0), scan_line(2, 0, 0), scan_line(3, 1, 4), scan_line(4, 0, 0),
                                       scan_line(5, 0, 0), scan_line(6, 0, 0), scan_line(7, 0, 0), scan_line(8, 0, 0),
@@ -197,12 +115,7 @@ TEST_F(RendezvousTest, TwoNewCardsShareOneReload) {
         EXPECT_LE(timer_remaining_ns(slot), 1 * kSecond) << slot;
     }
     EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), clean_conf());
-    EXPECT_EQ(normalized_ring(5),
-              (std::vector<std::string>{
-                  slot_line(5, "INFO", "reload_rendezvous.cpp", "Transitioned to WAIT_RELOAD_PORTD\n"),
-                  slot_line(5, "INFO", "reload_rendezvous.cpp", "Reloading portd...\n"),
-                  slot_line(5, "INFO", "reload_rendezvous.cpp", "portd reloaded\n"),
-              }));
+    EXPECT_EQ(normalized_ring(5), reload_lines(5));
     EXPECT_TRUE(normalized_ring(3).empty());
     EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{
                                       scan_line(1, 0, 0), scan_line(2, 0, 0), scan_line(3, 1, 4), scan_line(4, 0, 0),
@@ -344,12 +257,7 @@ TEST_F(RendezvousTest, FailedReloadIsLoggedAndSlotsAreReleasedAnyway) {
     EXPECT_EQ(g_slots_info[2].in_transition_reload_portd, 0);
     EXPECT_EQ(g_slots_info[4].in_transition_reload_portd, 0);
     EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), clean_conf());
-    EXPECT_EQ(normalized_ring(3),
-              (std::vector<std::string>{
-                  slot_line(3, "INFO", "reload_rendezvous.cpp", "Transitioned to WAIT_RELOAD_PORTD\n"),
-                  slot_line(3, "INFO", "reload_rendezvous.cpp", "Reloading portd...\n"),
-                  slot_line(3, "INFO", "reload_rendezvous.cpp", "portd reloaded\n"),
-              }));
+    EXPECT_EQ(normalized_ring(3), reload_lines(3));
 }
 
 TEST_F(RendezvousTest, HoldTimerFailureIsLogged) {

@@ -4,11 +4,8 @@
  * card.  Also the transition for events a slot has nothing to do with.
  */
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/stat.h>
-#include <sys/timerfd.h>
 
-#include "test_support.h"
+#include "transition_test_support.h"
 
 using namespace chmgr_test;
 
@@ -16,54 +13,21 @@ namespace {
 
 constexpr int kSlot = 3;
 
-std::string slot_line(int slot, const std::string &level, const std::string &file, const std::string &msg) {
-    return "[SLOT" + std::to_string(slot) + ":" + level + "]<T> " + file + ":<N> " + msg;
-}
-
-std::string global_line(const std::string &level, const std::string &file, const std::string &msg) {
-    return "[" + level + "]<T> " + file + ":<N> " + msg;
-}
-
-std::string led_file(int slot, const std::string &name) {
-    return "/var/run/hw-management/lc" + std::to_string(slot) + "/led/" + name;
-}
-
-bool timer_armed(int slot) {
-    int fd = g_slots_info[slot - 1].trans_timer.timer_fd;
-    struct itimerspec current = {};
-    timerfd_gettime(fd, &current);
-    struct pollfd ready = {fd, POLLIN, 0};
-    return current.it_value.tv_sec != 0 || current.it_value.tv_nsec != 0 || poll(&ready, 1, 0) > 0;
-}
-
-void disarm_timers() {
-    for (auto &slot : g_slots_info) {
-        struct itimerspec zero = {};
-        timerfd_settime(slot.trans_timer.timer_fd, 0, &zero, nullptr);
-    }
-}
-
-class StatusLedTest : public ::testing::Test {
+class StatusLedTest : public TransitionTest {
   protected:
+    StatusLedTest() : TransitionTest("1") {}
+
     void SetUp() override {
-        reset_slots();
-        disarm_timers();
-        clear_log_rings();
-        root_.all_events("0");
+        TransitionTest::SetUp();
         /* The state file records each run, so a test can tell it ran. */
         install_state_script(kSlot, 0);
     }
 
     void install_state_script(int slot, int exit_code) {
-        std::string path = led_file(slot, "led_status_state");
-        root_.write(path, "#!/bin/sh\necho ran >> \"$0.runs\"\nexit " + std::to_string(exit_code) + "\n");
-        chmod(root_.at(path).c_str(), 0755);
+        script(led_file(slot, "led_status_state"), "echo ran >> \"$0.runs\"\nexit " + std::to_string(exit_code) + "\n");
     }
 
     std::string state_runs(int slot) { return root_.read(led_file(slot, "led_status_state.runs")); }
-
-    SandboxRoot root_{"1"};
-    ConsoleCapture console_;
 };
 
 TEST_F(StatusLedTest, OrangeOnPoweredCardAppendsToOrangeFileAndRunsStateFile) {

@@ -4,135 +4,35 @@
  * active step marks the slot online, stamps the up time and turns green.
  */
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/timerfd.h>
 
-#include "test_support.h"
+#include "transition_test_support.h"
 
 using namespace chmgr_test;
 
 namespace {
 
 constexpr int kSlot = 3;
-constexpr long long kSecond = 1000000000LL;
-const char *const kStandinBin = "/standin-bin";
 const char *const kGreenFile = "/var/run/hw-management/lc3/led/led_status_green";
 
-std::string slot_line(int slot, const std::string &level, const std::string &file, const std::string &msg) {
-    return "[SLOT" + std::to_string(slot) + ":" + level + "]<T> " + file + ":<N> " + msg;
-}
-
-std::string global_line(const std::string &level, const std::string &file, const std::string &msg) {
-    return "[" + level + "]<T> " + file + ":<N> " + msg;
-}
-
-std::string conf_line(int slot, int detected, int provisioned, int configured, int dirty, const char *state,
-                      const char *admin) {
-    char line[256];
-    snprintf(line, sizeof line, "%d       %dG        %dG               %3dG        %d  %s   %s\n", slot, detected,
-             provisioned, configured, dirty, state, admin);
-    return line;
-}
-
-std::string conf_with(int slot, const std::string &line) {
-    std::string text;
-    for (int s = 1; s <= 8; ++s) text += s == slot ? line : conf_line(s, 0, 0, 0, 0, "Offline", "enable");
-    return text;
-}
-
-std::string default_conf() { return conf_with(0, ""); }
-
-long long timer_remaining_ns(int slot) {
-    struct itimerspec current = {};
-    timerfd_gettime(g_slots_info[slot - 1].trans_timer.timer_fd, &current);
-    return (long long)current.it_value.tv_sec * kSecond + current.it_value.tv_nsec;
-}
-
-bool timer_armed(int slot) {
-    struct pollfd ready = {g_slots_info[slot - 1].trans_timer.timer_fd, POLLIN, 0};
-    return timer_remaining_ns(slot) > 0 || poll(&ready, 1, 0) > 0;
-}
-
-void disarm_timers() {
-    for (auto &slot : g_slots_info) {
-        struct itimerspec zero = {};
-        timerfd_settime(slot.trans_timer.timer_fd, 0, &zero, nullptr);
-    }
-}
-
-std::vector<std::string> lines_from(int ring, const std::string &file) {
-    std::vector<std::string> out;
-    for (const auto &line : normalized_ring(ring))
-        if (line.find("> " + file + ":<N> ") != std::string::npos) out.push_back(line);
-    return out;
-}
-
-class BrokenTimer {
-  public:
-    explicit BrokenTimer(int slot) : slot_(slot), saved_(g_slots_info[slot - 1].trans_timer.timer_fd) {
-        g_slots_info[slot - 1].trans_timer.timer_fd = -1;
-    }
-    ~BrokenTimer() { g_slots_info[slot_ - 1].trans_timer.timer_fd = saved_; }
-
-  private:
-    int slot_;
-    int saved_;
-};
-
-class ActiveTest : public ::testing::Test {
+class ActiveTest : public TransitionTest {
   protected:
+    ActiveTest() : TransitionTest("1") {}
+
     void SetUp() override {
-        reset_slots();
-        disarm_timers();
-        clear_log_rings();
-        root_.all_events("0");
+        TransitionTest::SetUp();
         root_.write("/etc/tarnel/cards.conf", default_conf());
-        std::string bin = root_.at(kStandinBin);
-        mkdir(bin.c_str(), 0755);
-        /* The systemctl stand-in keeps a copy of cards.conf as portd would
-         * read it at the reload. */
-        script(std::string(kStandinBin) + "/systemctl",
-               "echo \"$*\" >> \"$0.calls\"\n"
-               "cat " + root_.at("/etc/tarnel/cards.conf") + " >> \"$0.conf\"\n");
-        saved_path_ = getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin";
-        setenv("PATH", (bin + ":" + saved_path_).c_str(), 1);
-        std::string state = "/var/run/hw-management/lc3/led/led_status_state";
-        script(state, "echo ran >> \"$0.runs\"\n");
-    }
-
-    void TearDown() override { setenv("PATH", saved_path_.c_str(), 1); }
-
-    void script(const std::string &abs, const std::string &body) {
-        root_.write(abs, "#!/bin/sh\n" + body);
-        chmod(root_.at(abs).c_str(), 0755);
-    }
-
-    std::string systemctl_calls() { return root_.read(std::string(kStandinBin) + "/systemctl.calls"); }
-    std::string conf_at_reload() { return root_.read(std::string(kStandinBin) + "/systemctl.conf"); }
-
-    /* A new card, powered and waiting for SYNCED, as the earlier steps leave it. */
-    void new_card(int slot_id, int card_type) {
-        slotInfo &s = g_slots_info[slot_id - 1];
-        s.current_state = SLOT_PRESENT | SLOT_VERIFIED | SLOT_POWERED;
-        s.card_type = card_type;
-        s.in_transition_reload_portd = 1;
-        s.trans_timer.state_monitored = slot_synced_event;
+        install_systemctl_copying_conf();
+        record_led_state_runs(kSlot);
     }
 
     slotInfo &slot() { return g_slots_info[kSlot - 1]; }
-
-    SandboxRoot root_{"1"};
-    ConsoleCapture console_;
-    std::string saved_path_;
 };
 
 /* ---------------------------------------------------------------- synced */
 
 TEST_F(ActiveTest, NewCardIsRecordedDirtyAndPortdReloadedOnce) {
-    new_card(kSlot, CARD_TYPE_16X100G);
+    arriving_card(kSlot, CARD_TYPE_16X100G);
 
     EXPECT_TRUE(synced_transition(kSlot));
 
@@ -155,7 +55,7 @@ TEST_F(ActiveTest, NewCardIsRecordedDirtyAndPortdReloadedOnce) {
 }
 
 TEST_F(ActiveTest, NewFourPortCardIsRecordedAt400) {
-    new_card(kSlot, CARD_TYPE_4X400G);
+    arriving_card(kSlot, CARD_TYPE_4X400G);
 
     EXPECT_TRUE(synced_transition(kSlot));
 
@@ -163,7 +63,7 @@ TEST_F(ActiveTest, NewFourPortCardIsRecordedAt400) {
 }
 
 TEST_F(ActiveTest, EightPortCardIsRecordedAt100Not200) {
-    new_card(kSlot, CARD_TYPE_8X200G);
+    arriving_card(kSlot, CARD_TYPE_8X200G);
 
     EXPECT_TRUE(synced_transition(kSlot));
 
@@ -171,7 +71,7 @@ TEST_F(ActiveTest, EightPortCardIsRecordedAt100Not200) {
 }
 
 TEST_F(ActiveTest, NewCardInDisabledSlotIsRecordedWithDisable) {
-    new_card(kSlot, CARD_TYPE_16X100G);
+    arriving_card(kSlot, CARD_TYPE_16X100G);
     slot().disabled = 1;
 
     EXPECT_TRUE(synced_transition(kSlot));
@@ -180,7 +80,7 @@ TEST_F(ActiveTest, NewCardInDisabledSlotIsRecordedWithDisable) {
 }
 
 TEST_F(ActiveTest, NewCardBeforePoweredIsReleasedTowardsPowered) {
-    new_card(kSlot, CARD_TYPE_16X100G);
+    arriving_card(kSlot, CARD_TYPE_16X100G);
     slot().current_state = SLOT_PRESENT | SLOT_VERIFIED;
 
     EXPECT_TRUE(synced_transition(kSlot));
@@ -209,7 +109,7 @@ TEST_F(ActiveTest, ProvisionedSlotNeverReloadsPortd) {
 }
 
 TEST_F(ActiveTest, SecondSyncedEventOnlyRearms) {
-    new_card(kSlot, CARD_TYPE_16X100G);
+    arriving_card(kSlot, CARD_TYPE_16X100G);
     ASSERT_TRUE(synced_transition(kSlot));
     clear_log_rings();
     disarm_timers();
@@ -226,8 +126,8 @@ TEST_F(ActiveTest, SecondSyncedEventOnlyRearms) {
 
 TEST_F(ActiveTest, RepeatedSyncedEventKeepsAParkedSlotParked) {
     /* Slot 5 is still on its way, so slot 3 parks and is held. */
-    new_card(kSlot, CARD_TYPE_16X100G);
-    new_card(5, CARD_TYPE_16X100G);
+    arriving_card(kSlot, CARD_TYPE_16X100G);
+    arriving_card(5, CARD_TYPE_16X100G);
     ASSERT_TRUE(synced_transition(kSlot));
     ASSERT_EQ(slot().trans_timer.state_monitored, slot_wait_reload_portd);
     disarm_timers();

@@ -4,110 +4,31 @@
  * SLOT_SYNCED survives, cards.conf records the removal).
  */
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/stat.h>
-#include <sys/timerfd.h>
 
-#include "test_support.h"
+#include "transition_test_support.h"
 
 using namespace chmgr_test;
 
 namespace {
 
 constexpr int kSlot = 3;
-constexpr long long kSecond = 1000000000LL;
 const char *const kVpdPath = "/var/run/hw-management/lc3/eeprom/vpd_parsed";
-
-std::string slot_line(int slot, const std::string &level, const std::string &file, const std::string &msg) {
-    return "[SLOT" + std::to_string(slot) + ":" + level + "]<T> " + file + ":<N> " + msg;
-}
-
-std::string global_line(const std::string &level, const std::string &file, const std::string &msg) {
-    return "[" + level + "]<T> " + file + ":<N> " + msg;
-}
-
-std::string conf_line(int slot, int detected, int provisioned, int configured, int dirty, const char *state,
-                      const char *admin) {
-    char line[256];
-    snprintf(line, sizeof line, "%d       %dG        %dG               %3dG        %d  %s   %s\n", slot, detected,
-             provisioned, configured, dirty, state, admin);
-    return line;
-}
-
-std::string default_conf() {
-    std::string text;
-    for (int slot = 1; slot <= 8; ++slot) text += conf_line(slot, 0, 0, 0, 0, "Offline", "enable");
-    return text;
-}
 
 std::string vpd(const std::string &part, const std::string &serial = "SN0000003", const std::string &rev = "2") {
     return "PN_VPD_FIELD: " + part + "\nSN_VPD_FIELD: " + serial + "\nHW_REV_FIELD: " + rev + "\n";
 }
 
-/* Remaining time of the slot's timer in (unscaled, scale 1) nanoseconds. */
-long long timer_remaining_ns(int slot) {
-    struct itimerspec current = {};
-    timerfd_gettime(g_slots_info[slot - 1].trans_timer.timer_fd, &current);
-    return (long long)current.it_value.tv_sec * kSecond + current.it_value.tv_nsec;
-}
-
-bool timer_armed(int slot) {
-    struct pollfd ready = {g_slots_info[slot - 1].trans_timer.timer_fd, POLLIN, 0};
-    return timer_remaining_ns(slot) > 0 || poll(&ready, 1, 0) > 0;
-}
-
-void disarm_timers() {
-    for (auto &slot : g_slots_info) {
-        struct itimerspec zero = {};
-        timerfd_settime(slot.trans_timer.timer_fd, 0, &zero, nullptr);
-    }
-}
-
-std::string serial_of(int slot) {
-    char serial[SERIAL_NO_SIZE + 1] = {};
-    slot_serial_get(slot, serial);
-    return serial;
-}
-
-/* Lines that one source file wrote into a ring. */
-std::vector<std::string> lines_from(int ring, const std::string &file) {
-    std::vector<std::string> out;
-    for (const auto &line : normalized_ring(ring))
-        if (line.find("> " + file + ":<N> ") != std::string::npos) out.push_back(line);
-    return out;
-}
-
-/* A timer that cannot be armed: the slot's timer descriptor is swapped for
- * an invalid one for the life of the object. */
-class BrokenTimer {
-  public:
-    explicit BrokenTimer(int slot) : slot_(slot), saved_(g_slots_info[slot - 1].trans_timer.timer_fd) {
-        g_slots_info[slot - 1].trans_timer.timer_fd = -1;
-    }
-    ~BrokenTimer() { g_slots_info[slot_ - 1].trans_timer.timer_fd = saved_; }
-
-  private:
-    int slot_;
-    int saved_;
-};
-
-class DetectTest : public ::testing::Test {
+class DetectTest : public TransitionTest {
   protected:
+    DetectTest() : TransitionTest("1") {}
+
     void SetUp() override {
-        reset_slots();
-        disarm_timers();
-        clear_log_rings();
-        root_.all_events("0");
+        TransitionTest::SetUp();
         root_.write("/etc/tarnel/cards.conf", default_conf());
-        std::string state = "/var/run/hw-management/lc3/led/led_status_state";
-        root_.write(state, "#!/bin/sh\necho ran >> \"$0.runs\"\n");
-        chmod(root_.at(state).c_str(), 0755);
+        record_led_state_runs(kSlot);
     }
 
     slotInfo &slot() { return g_slots_info[kSlot - 1]; }
-
-    SandboxRoot root_{"1"};
-    ConsoleCapture console_;
 };
 
 /* ---------------------------------------------------------------- present */

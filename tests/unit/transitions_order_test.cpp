@@ -4,66 +4,29 @@
  * repeated events for stages already passed; and events in every order.
  */
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/utsname.h>
 
 #include <random>
 
-#include "test_support.h"
+#include "transition_test_support.h"
 
 using namespace chmgr_test;
 
 namespace {
 
 constexpr int kSlot = 3;
-const char *const kStandinBin = "/standin-bin";
-const char *const kGearbox = "/usr/lib/tarnel/brlgbfwupgrade.ks";
 constexpr int kAllStateBits = SLOT_PRESENT | SLOT_VERIFIED | SLOT_SYNCED | SLOT_POWERED | SLOT_READY | SLOT_ACTIVE;
 
-std::string slot_line(int slot, const std::string &level, const std::string &file, const std::string &msg) {
-    return "[SLOT" + std::to_string(slot) + ":" + level + "]<T> " + file + ":<N> " + msg;
-}
-
-std::string conf_line(int slot, int detected, int provisioned, int configured, int dirty, const char *state,
-                      const char *admin) {
-    char line[256];
-    snprintf(line, sizeof line, "%d       %dG        %dG               %3dG        %d  %s   %s\n", slot, detected,
-             provisioned, configured, dirty, state, admin);
-    return line;
-}
-
-std::string conf_with(int slot, const std::string &line) {
-    std::string text;
-    for (int s = 1; s <= 8; ++s) text += s == slot ? line : conf_line(s, 0, 0, 0, 0, "Offline", "enable");
-    return text;
-}
-
-std::string serial_of(int slot) {
-    char serial[SERIAL_NO_SIZE + 1] = {};
-    slot_serial_get(slot, serial);
-    return serial;
-}
-
-class OrderTest : public ::testing::Test {
+class OrderTest : public TransitionTest {
   protected:
     void SetUp() override {
-        reset_slots();
-        clear_log_rings();
-        root_.all_events("0");
-        root_.write("/etc/tarnel/cards.conf", conf_with(0, ""));
-        std::string bin = root_.at(kStandinBin);
-        mkdir(bin.c_str(), 0755);
-        script(std::string(kStandinBin) + "/systemctl",
-               "echo \"$*\" >> \"$0.calls\"\n"
-               "cat " + root_.at("/etc/tarnel/cards.conf") + " >> \"$0.conf\"\n");
+        TransitionTest::SetUp();
+        root_.write("/etc/tarnel/cards.conf", default_conf());
+        install_systemctl_copying_conf();
         script(kGearbox, "echo \"$*\" >> \"$0.calls\"\n");
-        saved_path_ = getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin";
-        setenv("PATH", (bin + ":" + saved_path_).c_str(), 1);
         for (int slot = 1; slot <= 8; ++slot) {
-            std::string led = "/var/run/hw-management/lc" + std::to_string(slot) + "/led/";
-            script(led + "led_status_state", "echo ran >> \"$0.runs\"\n");
+            record_led_state_runs(slot);
             root_.write("/var/run/hw-management/system/lc" + std::to_string(slot) + "_pwr", "0");
             root_.write("/var/run/hw-management/system/lc" + std::to_string(slot) + "_enable", "0");
         }
@@ -75,13 +38,6 @@ class OrderTest : public ::testing::Test {
         image.replace(0, 5, std::string("\x05\x00\x00\x02\x02", 5));
         root_.write(std::string("/usr/share/borlin/firmware/") + names.release + "/INI/Buff_KTR9600-C16_INI_EPROM_v1.bin",
                     image);
-    }
-
-    void TearDown() override { setenv("PATH", saved_path_.c_str(), 1); }
-
-    void script(const std::string &abs, const std::string &body) {
-        root_.write(abs, "#!/bin/sh\n" + body);
-        chmod(root_.at(abs).c_str(), 0755);
     }
 
     void insert_card(int slot, const std::string &part, const std::string &serial) {
@@ -98,12 +54,7 @@ class OrderTest : public ::testing::Test {
         return event;
     }
 
-    std::string standin(const std::string &abs) { return root_.read(abs); }
     slotInfo &slot() { return g_slots_info[kSlot - 1]; }
-
-    SandboxRoot root_;
-    ConsoleCapture console_;
-    std::string saved_path_;
 };
 
 TEST_F(OrderTest, NewCardGoesFromPresentToOnlineAndBackToEmpty) {
@@ -127,11 +78,11 @@ TEST_F(OrderTest, NewCardGoesFromPresentToOnlineAndBackToEmpty) {
     EXPECT_EQ(slot().current_state, kAllStateBits);
     EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), conf_with(3, conf_line(3, 100, 0, 100, 0, "Online", "enable")));
     /* portd was reloaded once, with the card recorded dirty; envd once. */
-    EXPECT_EQ(standin(std::string(kStandinBin) + "/systemctl.calls"), "reload portd\nreload envd\n");
+    EXPECT_EQ(systemctl_calls(), "reload portd\nreload envd\n");
     std::string dirty = conf_with(3, conf_line(3, 100, 0, 100, 1, "Offline", "enable"));
     std::string clean = conf_with(3, conf_line(3, 100, 0, 100, 0, "Offline", "enable"));
-    EXPECT_EQ(standin(std::string(kStandinBin) + "/systemctl.conf"), dirty + clean);
-    EXPECT_EQ(standin(std::string(kGearbox) + ".calls"),
+    EXPECT_EQ(conf_at_reload(), dirty + clean);
+    EXPECT_EQ(root_.read(std::string(kGearbox) + ".calls"),
               "-s 3 -t cardtype_16x100 -l INFO -f " + root_.at("/var/log/gb.log") + "\n");
     EXPECT_EQ(root_.read("/var/run/hw-management/lc3/led/led_status_orange"), "255\n");
     EXPECT_EQ(root_.read("/var/run/hw-management/lc3/led/led_status_green"), "255\n");
@@ -150,7 +101,7 @@ TEST_F(OrderTest, NewCardGoesFromPresentToOnlineAndBackToEmpty) {
     EXPECT_EQ(slot().trans_timer.state_monitored, slot_present_event);
     /* The slot keeps its ports; no card is detected in it any more. */
     EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), conf_with(3, conf_line(3, 0, 0, 100, 0, "Offline", "enable")));
-    EXPECT_EQ(standin(std::string(kStandinBin) + "/systemctl.calls"), "reload portd\nreload envd\n");
+    EXPECT_EQ(systemctl_calls(), "reload portd\nreload envd\n");
 }
 
 TEST_F(OrderTest, CardPutBackIntoASyncedSlotNeedsNoSecondReload) {
@@ -173,7 +124,7 @@ TEST_F(OrderTest, CardPutBackIntoASyncedSlotNeedsNoSecondReload) {
 
     EXPECT_EQ(slot().current_state, kAllStateBits);
     EXPECT_EQ(serial_of(kSlot), "SN-SECOND");
-    EXPECT_EQ(standin(std::string(kStandinBin) + "/systemctl.calls"),
+    EXPECT_EQ(systemctl_calls(),
               "reload portd\nreload envd\nreload envd\n");
     EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), conf_with(3, conf_line(3, 100, 0, 100, 0, "Online", "enable")));
 }
@@ -185,7 +136,7 @@ TEST_F(OrderTest, EveryStageRepeatedAfterServiceChangesNothing) {
     for (const char *stage : {"present", "verified", "powered", "synced", "ready", "active"}) deliver(kSlot, stage);
     ASSERT_EQ(slot().current_state, kAllStateBits);
     std::string conf = root_.read("/etc/tarnel/cards.conf");
-    std::string calls = standin(std::string(kStandinBin) + "/systemctl.calls");
+    std::string calls = systemctl_calls();
     std::string sdk_calls = root_.read("/var/run/ks-sim/calls.log");
     clear_log_rings();
 
@@ -200,7 +151,7 @@ TEST_F(OrderTest, EveryStageRepeatedAfterServiceChangesNothing) {
 
     EXPECT_EQ(slot().current_state, kAllStateBits);
     EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), conf);
-    EXPECT_EQ(standin(std::string(kStandinBin) + "/systemctl.calls"), calls);
+    EXPECT_EQ(systemctl_calls(), calls);
     EXPECT_EQ(root_.read("/var/run/ks-sim/calls.log"), sdk_calls);
     EXPECT_EQ(root_.read("/var/run/hw-management/lc3/led/led_status_state.runs"), "ran\nran\n");
     EXPECT_EQ(normalized_ring(kSlot),

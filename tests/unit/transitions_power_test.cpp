@@ -5,11 +5,8 @@
  * SYNCED or READY as the next step.
  */
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/stat.h>
-#include <sys/timerfd.h>
 
-#include "test_support.h"
+#include "transition_test_support.h"
 
 using namespace chmgr_test;
 
@@ -20,77 +17,13 @@ const char *const kPowerFile = "/var/run/hw-management/system/lc3_pwr";
 const char *const kOrangeFile = "/var/run/hw-management/lc3/led/led_status_orange";
 const char *const kStateRuns = "/var/run/hw-management/lc3/led/led_status_state.runs";
 
-std::string slot_line(int slot, const std::string &level, const std::string &file, const std::string &msg) {
-    return "[SLOT" + std::to_string(slot) + ":" + level + "]<T> " + file + ":<N> " + msg;
-}
-
-std::string global_line(const std::string &level, const std::string &file, const std::string &msg) {
-    return "[" + level + "]<T> " + file + ":<N> " + msg;
-}
-
-std::string conf_line(int slot, int detected, int provisioned, int configured, int dirty, const char *state,
-                      const char *admin) {
-    char line[256];
-    snprintf(line, sizeof line, "%d       %dG        %dG               %3dG        %d  %s   %s\n", slot, detected,
-             provisioned, configured, dirty, state, admin);
-    return line;
-}
-
-/* cards.conf with every slot empty except `slot`, which gets `line`. */
-std::string conf_with(int slot, const std::string &line) {
-    std::string text;
-    for (int s = 1; s <= 8; ++s) text += s == slot ? line : conf_line(s, 0, 0, 0, 0, "Offline", "enable");
-    return text;
-}
-
-std::string default_conf() { return conf_with(0, ""); }
-
-bool timer_armed(int slot) {
-    int fd = g_slots_info[slot - 1].trans_timer.timer_fd;
-    struct itimerspec current = {};
-    timerfd_gettime(fd, &current);
-    struct pollfd ready = {fd, POLLIN, 0};
-    return current.it_value.tv_sec != 0 || current.it_value.tv_nsec != 0 || poll(&ready, 1, 0) > 0;
-}
-
-void disarm_timers() {
-    for (auto &slot : g_slots_info) {
-        struct itimerspec zero = {};
-        timerfd_settime(slot.trans_timer.timer_fd, 0, &zero, nullptr);
-    }
-}
-
-std::vector<std::string> lines_from(int ring, const std::string &file) {
-    std::vector<std::string> out;
-    for (const auto &line : normalized_ring(ring))
-        if (line.find("> " + file + ":<N> ") != std::string::npos) out.push_back(line);
-    return out;
-}
-
-class BrokenTimer {
-  public:
-    explicit BrokenTimer(int slot) : slot_(slot), saved_(g_slots_info[slot - 1].trans_timer.timer_fd) {
-        g_slots_info[slot - 1].trans_timer.timer_fd = -1;
-    }
-    ~BrokenTimer() { g_slots_info[slot_ - 1].trans_timer.timer_fd = saved_; }
-
-  private:
-    int slot_;
-    int saved_;
-};
-
-class PowerTest : public ::testing::Test {
+class PowerTest : public TransitionTest {
   protected:
     void SetUp() override {
-        reset_slots();
-        disarm_timers();
-        clear_log_rings();
-        root_.all_events("0");
+        TransitionTest::SetUp();
         root_.write("/etc/tarnel/cards.conf", default_conf());
         root_.write(kPowerFile, "0");
-        std::string state = "/var/run/hw-management/lc3/led/led_status_state";
-        root_.write(state, "#!/bin/sh\necho ran >> \"$0.runs\"\n");
-        chmod(root_.at(state).c_str(), 0755);
+        record_led_state_runs(kSlot);
         /* A present, identified 16-port card, as the present step leaves it. */
         slot().current_state = SLOT_PRESENT;
         slot().card_type = CARD_TYPE_16X100G;
@@ -102,8 +35,17 @@ class PowerTest : public ::testing::Test {
     slotInfo &slot() { return g_slots_info[kSlot - 1]; }
     std::string power_line() { return "Writing to " + root_.at(kPowerFile) + "\n"; }
 
-    SandboxRoot root_;
-    ConsoleCapture console_;
+    /* What the verified step logs for a card it powers and checks the INI
+     * of; `more` follows. */
+    std::vector<std::string> powering_lines(const std::vector<std::string> &more = {}) {
+        std::vector<std::string> lines{
+            slot_line(kSlot, "INFO", "transitions_power.cpp", "Transitioned from 1 to SLOT_VERIFIED\n"),
+            slot_line(kSlot, "INFO", "transitions_power.cpp", power_line()),
+            slot_line(kSlot, "INFO", "transitions_power.cpp", "Checking INI for slot\n"),
+        };
+        lines.insert(lines.end(), more.begin(), more.end());
+        return lines;
+    }
 };
 
 /* ---------------------------------------------------------------- verified */
@@ -120,12 +62,7 @@ TEST_F(PowerTest, VerifiedCardIsPoweredAndKeepsFittingFirmwareIni) {
     EXPECT_EQ(slot().in_transition_reload_portd, 0);
     EXPECT_EQ(slot().trans_timer.state_monitored, slot_powered_event);
     EXPECT_TRUE(timer_armed(kSlot));
-    EXPECT_EQ(lines_from(kSlot, "transitions_power.cpp"),
-              (std::vector<std::string>{
-                  slot_line(kSlot, "INFO", "transitions_power.cpp", "Transitioned from 1 to SLOT_VERIFIED\n"),
-                  slot_line(kSlot, "INFO", "transitions_power.cpp", power_line()),
-                  slot_line(kSlot, "INFO", "transitions_power.cpp", "Checking INI for slot\n"),
-              }));
+    EXPECT_EQ(lines_from(kSlot, "transitions_power.cpp"), powering_lines());
     EXPECT_NE(all_rings_text().find("Using FW stored INI\n"), std::string::npos);
     EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), conf_with(3, conf_line(3, 100, 0, 100, 0, "Offline", "enable")));
 }
@@ -141,12 +78,8 @@ TEST_F(PowerTest, VerifiedCardWithoutUsableIniIsPoweredAnyway) {
     EXPECT_EQ(slot().trans_timer.state_monitored, slot_powered_event);
     EXPECT_TRUE(timer_armed(kSlot));
     EXPECT_EQ(lines_from(kSlot, "transitions_power.cpp"),
-              (std::vector<std::string>{
-                  slot_line(kSlot, "INFO", "transitions_power.cpp", "Transitioned from 1 to SLOT_VERIFIED\n"),
-                  slot_line(kSlot, "INFO", "transitions_power.cpp", power_line()),
-                  slot_line(kSlot, "INFO", "transitions_power.cpp", "Checking INI for slot\n"),
-                  slot_line(kSlot, "ERR", "transitions_power.cpp", "Failed to locate and program INI file\n"),
-              }));
+              powering_lines({slot_line(kSlot, "ERR", "transitions_power.cpp",
+                                        "Failed to locate and program INI file\n")}));
 }
 
 TEST_F(PowerTest, PowerRequestIsWrittenBeforeTheIniCheck) {

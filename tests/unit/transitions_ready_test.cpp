@@ -7,55 +7,19 @@
  * record their arguments; the simulated SDK records its calls.
  */
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <sys/timerfd.h>
 
 #include <algorithm>
 #include <thread>
 
-#include "test_support.h"
+#include "transition_test_support.h"
 
 using namespace chmgr_test;
 
 namespace {
 
 constexpr int kSlot = 3;
-const char *const kGearbox = "/usr/lib/tarnel/brlgbfwupgrade.ks";
-const char *const kStandinBin = "/standin-bin";
-
-std::string slot_line(int slot, const std::string &level, const std::string &file, const std::string &msg) {
-    return "[SLOT" + std::to_string(slot) + ":" + level + "]<T> " + file + ":<N> " + msg;
-}
-
-std::string global_line(const std::string &level, const std::string &file, const std::string &msg) {
-    return "[" + level + "]<T> " + file + ":<N> " + msg;
-}
 
 std::string enable_file(int slot) { return "/var/run/hw-management/system/lc" + std::to_string(slot) + "_enable"; }
-
-bool timer_armed(int slot) {
-    int fd = g_slots_info[slot - 1].trans_timer.timer_fd;
-    struct itimerspec current = {};
-    timerfd_gettime(fd, &current);
-    struct pollfd ready = {fd, POLLIN, 0};
-    return current.it_value.tv_sec != 0 || current.it_value.tv_nsec != 0 || poll(&ready, 1, 0) > 0;
-}
-
-void disarm_timers() {
-    for (auto &slot : g_slots_info) {
-        struct itimerspec zero = {};
-        timerfd_settime(slot.trans_timer.timer_fd, 0, &zero, nullptr);
-    }
-}
-
-std::vector<std::string> lines_from(int ring, const std::string &file) {
-    std::vector<std::string> out;
-    for (const auto &line : normalized_ring(ring))
-        if (line.find("> " + file + ":<N> ") != std::string::npos) out.push_back(line);
-    return out;
-}
 
 std::vector<std::string> split_lines(const std::string &text) {
     std::vector<std::string> out;
@@ -64,25 +28,10 @@ std::vector<std::string> split_lines(const std::string &text) {
     return out;
 }
 
-class BrokenTimer {
-  public:
-    explicit BrokenTimer(int slot) : slot_(slot), saved_(g_slots_info[slot - 1].trans_timer.timer_fd) {
-        g_slots_info[slot - 1].trans_timer.timer_fd = -1;
-    }
-    ~BrokenTimer() { g_slots_info[slot_ - 1].trans_timer.timer_fd = saved_; }
-
-  private:
-    int slot_;
-    int saved_;
-};
-
-class ReadyTest : public ::testing::Test {
+class ReadyTest : public TransitionTest {
   protected:
     void SetUp() override {
-        reset_slots();
-        disarm_timers();
-        clear_log_rings();
-        root_.all_events("0");
+        TransitionTest::SetUp();
         install_standins();
         for (int slot = 1; slot <= 8; ++slot) {
             root_.write(enable_file(slot), "0");
@@ -97,15 +46,8 @@ class ReadyTest : public ::testing::Test {
         slot().trans_timer.state_monitored = slot_ready_event;
     }
 
-    void TearDown() override { setenv("PATH", saved_path_.c_str(), 1); }
-
     void install_standins() {
-        std::string bin = root_.at(kStandinBin);
-        mkdir(bin.c_str(), 0755);
-        script(std::string(kStandinBin) + "/systemctl",
-               "echo \"$*\" >> \"$0.calls\"\n"
-               "rc=0; [ -r \"$0.exit\" ] && read -r rc < \"$0.exit\"\n"
-               "exit $rc\n");
+        install_systemctl_with_exit_code();
         /* The gearbox stand-in notes the enable file as it found it, then
          * lowers it, so the second enable after the update shows. */
         script(kGearbox,
@@ -118,13 +60,6 @@ class ReadyTest : public ::testing::Test {
                "printf 0 > $enable\n"
                "rc=0; [ -r \"$0.exit\" ] && read -r rc < \"$0.exit\"\n"
                "exit $rc\n");
-        saved_path_ = getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin";
-        setenv("PATH", (bin + ":" + saved_path_).c_str(), 1);
-    }
-
-    void script(const std::string &abs, const std::string &body) {
-        root_.write(abs, "#!/bin/sh\n" + body);
-        chmod(root_.at(abs).c_str(), 0755);
     }
 
     void sim_slot(int slot, const std::string &name, const std::string &value) {
@@ -143,10 +78,6 @@ class ReadyTest : public ::testing::Test {
     }
 
     slotInfo &slot() { return g_slots_info[kSlot - 1]; }
-
-    SandboxRoot root_;
-    ConsoleCapture console_;
-    std::string saved_path_;
 };
 
 TEST_F(ReadyTest, ReadyCardIsEnabledUpdatedResetActivatedAndEnvdReloaded) {
@@ -175,7 +106,7 @@ TEST_F(ReadyTest, ReadyCardIsEnabledUpdatedResetActivatedAndEnvdReloaded) {
                                "ks_mgmt_slot_ini_data_set slot=3 size=0 last=0",
                                "ks_mgmt_slot_control_set slot=3 op=ACTIVATE",
                            }));
-    EXPECT_EQ(root_.read(std::string(kStandinBin) + "/systemctl.calls"), "reload envd\n");
+    EXPECT_EQ(systemctl_calls(), "reload envd\n");
 }
 
 TEST_F(ReadyTest, GearboxToolRunsWithTheSameTypeForEveryCard) {
@@ -207,7 +138,7 @@ TEST_F(ReadyTest, CardNeverReadyIsReportedAfter25PollsAndStillActivated) {
 
     EXPECT_EQ(count_calls("ks_mgmt_slot_info_get slot=3"), 25);
     EXPECT_EQ(count_calls("ks_mgmt_slot_control_set slot=3 op=ACTIVATE"), 1);
-    EXPECT_EQ(root_.read(std::string(kStandinBin) + "/systemctl.calls"), "reload envd\n");
+    EXPECT_EQ(systemctl_calls(), "reload envd\n");
     EXPECT_EQ(slot().trans_timer.state_monitored, slot_active_event);
     EXPECT_EQ(normalized_ring(kSlot),
               (std::vector<std::string>{
@@ -284,7 +215,7 @@ TEST_F(ReadyTest, MissingGearboxToolIsLoggedAndBringUpGoesOn) {
               std::vector<std::string>{global_line("ERR", "shell_command.cpp", "process " + gearbox_command(kSlot) +
                                                                                     " exited with 127 error code\n")});
     EXPECT_EQ(count_calls("ks_mgmt_slot_control_set slot=3 op=ACTIVATE"), 1);
-    EXPECT_EQ(root_.read(std::string(kStandinBin) + "/systemctl.calls"), "reload envd\n");
+    EXPECT_EQ(systemctl_calls(), "reload envd\n");
 }
 
 TEST_F(ReadyTest, GearboxToolThatIsNotExecutableIsLogged) {
@@ -315,7 +246,7 @@ TEST_F(ReadyTest, SoftResetAndActivationFailuresAreLoggedAndTheStepsGoOn) {
                   slot_line(kSlot, "INFO", "transitions_ready.cpp", "Invoking reload envd\n"),
               }));
     EXPECT_EQ(slot().trans_timer.state_monitored, slot_active_event);
-    EXPECT_EQ(root_.read(std::string(kStandinBin) + "/systemctl.calls"), "reload envd\n");
+    EXPECT_EQ(systemctl_calls(), "reload envd\n");
 }
 
 TEST_F(ReadyTest, FailedEnvdReloadIsLoggedAndTheTransitionSucceeds) {
