@@ -19,8 +19,30 @@ wait_until(predicate, timeout=5.0, interval=0.005, what="...")
           bounded poll; returns the predicate's first truthy value.
 status_document(sandbox, daemon, slot=255)
           triggers a rewrite of the status document and returns it parsed.
-daemon_binary()
-          path of the chassis-mgr binary (skips or fails when missing).
+fd_infos(pid, kind)
+          the /proc fdinfo text of each descriptor of one kind of a process.
+inotify_watch_counts(pid), in_main_loop(pid)
+          watches per inotify instance of a process; whether the daemon has
+          placed its slot watches (it does so right before its poll loop).
+wait_in_main_loop(handle, pid=None), wait_debug_trigger_watched(handle)
+          wait until the daemon reaches its poll loop / until the debug
+          thread watches the trigger file (before asking for a document).
+console_lines(handle, keepends=False)
+          the daemon's console lines with ".cpp:<line> " made ".cpp:<N> ".
+CTL_HEADER, ctl_request(cmd, slot, seq=1, card_type=0, length=24)
+          the 24-byte control header (cmd, len, seq, slot_no, status,
+          card_type) and a packed request.
+ctl_connect(sandbox, timeout=20), ctl_exchange(sandbox, data, timeout=20)
+          a client connected to the control socket; one request and the
+          whole reply (until the daemon closes the connection).
+padded(text, size=128)
+          `text` padded with NULs to a reply's fixed text field.
+socket_listening(sandbox), start_listening(sandbox, daemon)
+          whether the daemon listens on its control socket; start the daemon
+          and wait until it does.
+daemon_binary(), built_binary(name, kind)
+          path of the chassis-mgr binary, or of another built program
+          (skips or fails when missing).
 read_text(path), write_once(path, text)
           read a file as text; write one with a single open-write-close.
 StandinCall
@@ -51,6 +73,8 @@ import os
 import re
 import shutil
 import signal
+import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -367,17 +391,23 @@ def sandbox(tmp_path):
 # ---------------------------------------------------------------- the daemon
 
 
-def daemon_binary():
-    """Path of the chassis-mgr binary, or skip/fail when it is missing."""
+def built_binary(name, kind):
+    """Path of the built program `name`, or skip/fail when it is missing
+    (`kind` names it in the message)."""
     configured = os.environ.get("CHMGR_BUILD_DIR")
     build_dir = Path(configured).resolve() if configured else REPO / "build"
-    binary = build_dir / "chassis-mgr"
+    binary = build_dir / name
     if not os.access(binary, os.X_OK):
-        message = f"daemon binary {binary} not found (build it or set CHMGR_BUILD_DIR)"
+        message = f"{kind} binary {binary} not found (build it or set CHMGR_BUILD_DIR)"
         if configured:
             pytest.fail(message, pytrace=False)
         pytest.skip(message)
     return binary
+
+
+def daemon_binary():
+    """Path of the chassis-mgr binary, or skip/fail when it is missing."""
+    return built_binary("chassis-mgr", "daemon")
 
 
 class Daemon:
@@ -550,8 +580,11 @@ def status_document(sandbox, daemon, slot=255, timeout=5.0):
 
     `daemon` is the Daemon handle (its output is shown on failure).  The old
     document's time stamp is first set to the epoch, so any rewrite - in
-    place or by rename - shows as a changed modification time.
+    place or by rename - shows as a changed modification time.  A trigger
+    written before the debug thread watches the file would be missed, so the
+    watch is awaited first.
     """
+    wait_debug_trigger_watched(daemon)
     path = sandbox.path("etc/tarnel/cm_status.json")
     if path.exists():
         os.utime(path, ns=(0, 0))
@@ -565,3 +598,120 @@ def status_document(sandbox, daemon, slot=255, timeout=5.0):
 
     sandbox.write("etc/tarnel/debug_slot", f"{slot}\n")
     return wait_until(rewritten, timeout, what=f"{path} to be rewritten for slot {slot}")[0]
+
+
+# ---------------------------------------------------------------- readiness
+
+
+def fd_infos(pid, kind):
+    """The /proc fdinfo text of every descriptor of the process whose link
+    reads `kind` (e.g. "anon_inode:inotify"); descriptors closed meanwhile
+    are left out."""
+    infos = []
+    for fd in os.listdir(f"/proc/{pid}/fd"):
+        try:
+            if os.readlink(f"/proc/{pid}/fd/{fd}") != kind:
+                continue
+            infos.append(read_text(f"/proc/{pid}/fdinfo/{fd}"))
+        except OSError:
+            continue
+    return infos
+
+
+def inotify_watch_counts(pid):
+    """Watches per inotify descriptor of the process."""
+    return [info.count("inotify wd:") for info in fd_infos(pid, "anon_inode:inotify")]
+
+
+def in_main_loop(pid):
+    """The slot watches (eight instances of six) are placed right before the
+    poll loop starts, after every start-up step."""
+    return inotify_watch_counts(pid).count(6) == 8
+
+
+def wait_in_main_loop(handle, pid=None):
+    pid = pid or handle.pid
+
+    def ready():
+        if handle.proc.poll() is not None and pid == handle.pid:
+            pytest.fail(f"daemon exited\n{handle.describe()}", pytrace=False)
+        return in_main_loop(pid)
+    wait_until(ready, what=f"daemon {pid} to reach its poll loop")
+
+
+def wait_debug_trigger_watched(handle):
+    """The status document is rewritten through the debug trigger file, whose
+    watch (one inotify instance with one watch) the debug thread places on its
+    own schedule: wait for it before asking for a document."""
+    wait_until(lambda: 1 in inotify_watch_counts(handle.pid), what="the debug trigger's watch")
+
+
+# ---------------------------------------------------------------- console
+
+# Console line: "file.cpp:123 " then the message; slot lines start with "[SLOTn] ".
+CONSOLE_LINE_NUMBER = re.compile(r"(\.cpp):\d+ ")
+
+
+def console_lines(handle, keepends=False):
+    """Console lines with line numbers replaced by <N>."""
+    return [CONSOLE_LINE_NUMBER.sub(r"\1:<N> ", line) for line in handle.console().splitlines(keepends=keepends)]
+
+
+# ---------------------------------------------------------------- control socket
+
+CTL_HEADER = struct.Struct("<6I")  # cmd, len, seq, slot_no, status, card_type
+
+
+def ctl_request(cmd, slot, seq=1, card_type=0, length=24):
+    return CTL_HEADER.pack(cmd, length, seq, slot, 0, card_type)
+
+
+def padded(text, size=128):
+    return text + b"\0" * (size - len(text))
+
+
+def ctl_connect(sandbox, timeout=20):
+    """A client connected to the control socket, with `timeout` (scaled) on
+    every later operation."""
+    sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    try:
+        sock.connect(str(sandbox.path(SOCKET_RELPATH)))  # blocking: waits for room in the backlog
+        sock.settimeout(timeout * timeout_factor())
+    except BaseException:
+        sock.close()
+        raise
+    return sock
+
+
+def ctl_exchange(sandbox, data, timeout=20):
+    """Sends `data` and returns everything until the daemon closes the connection."""
+    sock = ctl_connect(sandbox, timeout)
+    try:
+        sock.sendall(data)
+        reply = b""
+        while True:
+            chunk = sock.recv(1 << 20)
+            if not chunk:
+                return reply
+            reply += chunk
+    finally:
+        sock.close()
+
+
+def socket_listening(sandbox):
+    """True once the daemon listens on its socket (seen in /proc/net/unix,
+    without connecting: a connection would be served as a request)."""
+    path = str(sandbox.path(SOCKET_RELPATH))
+    with open("/proc/net/unix", encoding="utf-8", errors="replace") as table:
+        for line in table:
+            fields = line.split()
+            if len(fields) >= 8 and fields[7] == path and int(fields[3], 16) & 0x10000:
+                return True
+    return False
+
+
+def start_listening(sandbox, daemon):
+    """Starts the daemon and waits until its control socket listens."""
+    handle = daemon.start()
+    wait_until(lambda: socket_listening(sandbox), what="the control socket to listen")
+    return handle

@@ -3,40 +3,15 @@ running daemon, with cards brought up by the hardware emulator."""
 
 import json
 import os
-import re
-import socket
 import struct
 
-from conftest import status_document, timeout_factor, wait_until
+from conftest import CTL_HEADER, console_lines, ctl_exchange, ctl_request, start_listening, status_document, wait_until
 
-HEADER = struct.Struct("<6I")
 RECORD = struct.Struct("<I32s32sII32sI8s")
-SOCKET_RELPATH = "run/chassismgr/chassismgr"
 DOCUMENT_RELPATH = "etc/tarnel/cm_status.json"
-LINE_NUMBER = re.compile(r"(\.cpp):\d+ ")
 SHOW_SUMMARY, SHOW_DETAIL, DEBUG_SLOT = 5, 6, 9
 ACTIVE_STATE = ("SLOT_PRESENT |SLOT_VERIFIED |SLOT_SYNCED |SLOT_POWERED |SLOT_READY |"
                 "SLOT_ACTIVE | ")
-
-
-def request(cmd, slot, seq=1, card_type=0, length=24):
-    return HEADER.pack(cmd, length, seq, slot, 0, card_type)
-
-
-def exchange(sandbox, data):
-    sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    try:
-        sock.connect(str(sandbox.path(SOCKET_RELPATH)))  # blocking: waits for room in the backlog
-        sock.settimeout(20 * timeout_factor())
-        sock.sendall(data)
-        reply = b""
-        while True:
-            chunk = sock.recv(1 << 20)
-            if not chunk:
-                return reply
-            reply += chunk
-    finally:
-        sock.close()
 
 
 def text(field):
@@ -51,30 +26,8 @@ def records(reply, count):
     return out
 
 
-def console_lines(daemon):
-    return [LINE_NUMBER.sub(r"\1:<N> ", line) for line in daemon.console().splitlines()]
-
-
-
-def socket_listening(sandbox):
-    """True once the daemon listens on its socket (seen in /proc/net/unix,
-    without connecting: a connection would be served as a request)."""
-    path = str(sandbox.path(SOCKET_RELPATH))
-    with open("/proc/net/unix", encoding="utf-8", errors="replace") as table:
-        for line in table:
-            fields = line.split()
-            if len(fields) >= 8 and fields[7] == path and int(fields[3], 16) & 0x10000:
-                return True
-    return False
-
-def start(sandbox, daemon):
-    handle = daemon.start()
-    wait_until(lambda: socket_listening(sandbox), what="the control socket to listen")
-    return handle
-
-
 def slot_state(sandbox, slot):
-    return records(exchange(sandbox, request(SHOW_SUMMARY, slot)), 1)[0][5]
+    return records(ctl_exchange(sandbox, ctl_request(SHOW_SUMMARY, slot)), 1)[0][5]
 
 
 def bring_up(sandbox, slot, serial):
@@ -84,58 +37,62 @@ def bring_up(sandbox, slot, serial):
     sandbox.insert(slot, pn="KTR9600-C16", sn=serial, rev=2)
     wait_until(lambda: slot_state(sandbox, slot) == "Operational", timeout=20,
                what=f"slot {slot} to be operational")
+    # The active step marks the card active first and stamps its up time just
+    # before it turns the LED green: wait for the LED to see the stamp.
+    wait_until(lambda: "255" in sandbox.read(f"var/run/hw-management/lc{slot}/led/led_status_green"),
+               what=f"slot {slot}'s LED to turn green")
 
 
 def test_summary_of_an_empty_chassis_has_eight_empty_records(sandbox, daemon):
-    start(sandbox, daemon)
-    reply = exchange(sandbox, request(SHOW_SUMMARY, 255, seq=3))
+    start_listening(sandbox, daemon)
+    reply = ctl_exchange(sandbox, ctl_request(SHOW_SUMMARY, 255, seq=3))
     assert len(reply) == 1024
-    assert HEADER.unpack(reply[:24]) == (5, 1024, 3, 255, 0, 0)
+    assert CTL_HEADER.unpack(reply[:24]) == (5, 1024, 3, 255, 0, 0)
     assert records(reply, 8) == [(s, "none", "none", 0, 0, "Empty", 0) for s in range(1, 9)]
 
 
 def test_summary_for_slot_0_or_9_answers_success_without_records(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     marker = b"\xab" * 1000
-    first = exchange(sandbox, request(SHOW_SUMMARY, 0, seq=1, length=1024) + marker)
+    first = ctl_exchange(sandbox, ctl_request(SHOW_SUMMARY, 0, seq=1, length=1024) + marker)
     assert first[24:] == marker
     for slot in (0, 9, 254, 256):
-        reply = exchange(sandbox, request(SHOW_SUMMARY, slot, seq=2))
-        assert HEADER.unpack(reply[:24]) == (5, 1024, 2, slot, 0, 0)
+        reply = ctl_exchange(sandbox, ctl_request(SHOW_SUMMARY, slot, seq=2))
+        assert CTL_HEADER.unpack(reply[:24]) == (5, 1024, 2, slot, 0, 0)
         assert reply[24:] == marker
 
 
 def test_summary_of_slot_3_is_record_zero_and_states_follow_the_card(sandbox, daemon):
-    start(sandbox, daemon)
+    start_listening(sandbox, daemon)
     assert slot_state(sandbox, 3) == "Empty"
     sandbox.insert(3, pn="KTR9600-C16", sn="SN00000003", rev=2)  # no emulator yet: never powered
     wait_until(lambda: slot_state(sandbox, 3) == "Offline", what="slot 3 to be offline")
     sandbox.remove(3)
     wait_until(lambda: slot_state(sandbox, 3) == "Empty", what="slot 3 to be empty again")
     bring_up(sandbox, 3, "SN00000003")
-    reply = exchange(sandbox, request(SHOW_SUMMARY, 3, seq=4))
-    assert HEADER.unpack(reply[:24]) == (5, 1024, 4, 3, 0, 0)
+    reply = ctl_exchange(sandbox, ctl_request(SHOW_SUMMARY, 3, seq=4))
+    assert CTL_HEADER.unpack(reply[:24]) == (5, 1024, 4, 3, 0, 0)
     assert records(reply, 1) == [(3, "SN00000003", "KTR9600-C16", 2, 5, "Operational", 0)]
 
 
 def test_detail_logs_the_ini_line_of_a_single_slot_as_a_line_of_slot_1(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     bring_up(sandbox, 5, "SN00000005")
-    reply = exchange(sandbox, request(SHOW_DETAIL, 5, seq=8))
-    assert HEADER.unpack(reply[:24]) == (6, 1024, 8, 5, 0, 0)
+    reply = ctl_exchange(sandbox, ctl_request(SHOW_DETAIL, 5, seq=8))
+    assert CTL_HEADER.unpack(reply[:24]) == (6, 1024, 8, 5, 0, 0)
     assert records(reply, 1) == [(5, "SN00000005", "KTR9600-C16", 2, 5, "Operational", 0)]
     assert "[SLOT1] ctl_show.cpp:<N> INI Major = 2, INI Minor = 5" in console_lines(handle)
     assert "[SLOT5] ctl_show.cpp:<N> INI Major = 2, INI Minor = 5" not in console_lines(handle)
 
-    exchange(sandbox, request(SHOW_DETAIL, 255))
+    ctl_exchange(sandbox, ctl_request(SHOW_DETAIL, 255))
     assert "[SLOT5] ctl_show.cpp:<N> INI Major = 2, INI Minor = 5" in console_lines(handle)
 
 
 def test_debug_slot_sends_the_header_and_the_document(sandbox, daemon):
-    start(sandbox, daemon)
-    reply = exchange(sandbox, request(DEBUG_SLOT, 2, seq=12, card_type=7))
+    start_listening(sandbox, daemon)
+    reply = ctl_exchange(sandbox, ctl_request(DEBUG_SLOT, 2, seq=12, card_type=7))
     document = sandbox.path(DOCUMENT_RELPATH).read_bytes()
-    assert HEADER.unpack(reply[:24]) == (9, 0, 12, 2, 0, 0)
+    assert CTL_HEADER.unpack(reply[:24]) == (9, 0, 12, 2, 0, 0)
     assert reply[24:] == document
     parsed = json.loads(document)
     assert list(parsed) == ["chassis", "Log", "slot2"]
@@ -147,16 +104,16 @@ def test_debug_slot_sends_the_header_and_the_document(sandbox, daemon):
 
 
 def test_debug_slot_for_slot_9_closes_without_a_reply(sandbox, daemon):
-    handle = start(sandbox, daemon)
-    assert exchange(sandbox, request(DEBUG_SLOT, 9)) == b""
+    handle = start_listening(sandbox, daemon)
+    assert ctl_exchange(sandbox, ctl_request(DEBUG_SLOT, 9)) == b""
     assert "ctl_show.cpp:<N> ERR Bad slot(9) received from CTL cmd" in console_lines(handle)
     assert not sandbox.path(DOCUMENT_RELPATH).exists()
 
 
 def test_up_time_appears_only_for_the_active_card(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     bring_up(sandbox, 4, "SN00000004")
-    document = json.loads(exchange(sandbox, request(DEBUG_SLOT, 255))[24:])
+    document = json.loads(ctl_exchange(sandbox, ctl_request(DEBUG_SLOT, 255))[24:])
     assert list(document) == ["chassis", "Log"] + [f"slot{s}" for s in range(1, 9)]
     slot4 = document["slot4"]
     assert slot4["STATE"] == ACTIVE_STATE
@@ -172,20 +129,20 @@ def test_up_time_appears_only_for_the_active_card(sandbox, daemon):
 
 
 def test_trigger_file_with_3_rewrites_the_document_for_slot_3(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     document = status_document(sandbox, handle, slot=3)
     assert list(document) == ["chassis", "Log", "slot3"]
     assert "debug_trigger.cpp:<N> SLOT ID read = 3" in console_lines(handle)
 
 
 def test_trigger_file_with_255_rewrites_it_with_all_slots(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     document = status_document(sandbox, handle, slot=255)
     assert list(document) == ["chassis", "Log"] + [f"slot{s}" for s in range(1, 9)]
 
 
 def test_trigger_file_with_text_gives_only_the_chassis_part(sandbox, daemon):
-    handle = start(sandbox, daemon)
+    handle = start_listening(sandbox, daemon)
     status_document(sandbox, handle, slot=1)
     path = sandbox.path(DOCUMENT_RELPATH)
     os.utime(path, ns=(0, 0))

@@ -2,14 +2,13 @@
 wake-ups per slot, files that appear after start-up, the per-slot timers of
 empty slots, bad event files, and the exit on a poll failure."""
 
-import os
 import re
 import resource
 import subprocess
 import time
 
-from conftest import daemon_binary, read_text, wait_until, write_once
-from test_startup import console_lines, inotify_watch_counts, wait_in_main_loop
+from conftest import (console_lines, daemon_binary, fd_infos, inotify_watch_counts, wait_in_main_loop, wait_until,
+                      write_once)
 
 SCALE = 0.001
 EMPTY_POLL_PERIOD = 10 * SCALE  # seconds
@@ -32,13 +31,7 @@ def wait_received(handle, slot, count):
 def slot_timers(pid):
     """(remaining, interval) in seconds of every timer descriptor of the process."""
     timers = []
-    for fd in os.listdir(f"/proc/{pid}/fd"):
-        try:
-            if os.readlink(f"/proc/{pid}/fd/{fd}") != "anon_inode:[timerfd]":
-                continue
-            info = read_text(f"/proc/{pid}/fdinfo/{fd}")
-        except OSError:
-            continue
+    for info in fd_infos(pid, "anon_inode:[timerfd]"):
         value = TIMER_VALUE.search(info)
         interval = TIMER_INTERVAL.search(info)
         timers.append((int(value[1]) + int(value[2]) / 1e9, int(interval[1]) + int(interval[2]) / 1e9))
@@ -52,7 +45,9 @@ def test_file_write_wakes_its_slot_and_the_files_decide_the_event(sandbox, daemo
     wait_received(handle, 4, 1)
     write_once(sandbox.event(4, "present"), "1")  # the awaited file reads 1
     wait_received(handle, 4, 2)
-    slot4 = [line for line in console_lines(handle) if line.startswith("[SLOT4] ")
+    wait_until(lambda: "[SLOT4] slot_model.cpp:<N> Event received" in console_lines(handle),
+               what="slot 4's event to be decided")
+    slot4 = [line for line in console_lines(handle, keepends=True) if line.startswith("[SLOT4] ")
              and ("event_loop" in line or "slot_model" in line)]
     assert slot4[-3:] == ["[SLOT4] event_loop.cpp:<N> Received event\n",
                           "[SLOT4] event_loop.cpp:<N> Received event\n",

@@ -147,10 +147,13 @@ def test_sim_set_and_calls(sandbox):
 
 
 FAKE_STATUS_WRITER = r"""
-import json, os, sys, time
+import ctypes, json, os, sys, time
 root = sys.argv[1]
 trigger = root + "/etc/tarnel/debug_slot"
 status = root + "/etc/tarnel/cm_status.json"
+libc = ctypes.CDLL("libc.so.6", use_errno=True)
+watcher = libc.inotify_init()
+libc.inotify_add_watch(watcher, trigger.encode(), 0x108)  # watched like the daemon's debug thread
 seen = os.stat(trigger).st_mtime_ns
 open(root + "/fake-ready", "w").close()
 while True:
@@ -171,6 +174,7 @@ class FakeDaemon:
 
     def __init__(self, proc):
         self.proc = proc
+        self.pid = proc.pid
 
     def describe(self):
         return "fake status writer"
