@@ -34,7 +34,7 @@ cmake --build "$build" -j"$(nproc)"
 
 export ASAN_OPTIONS=detect_leaks=0:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:allocator_may_return_null=1
 
 echo "== unit tests"
 ctest --test-dir "$build" --output-on-failure -j"$(nproc)"

@@ -30,6 +30,18 @@
 
 #define MAX_SLOTS_FOR_9600 8
 
+/* Holds a mutex for the life of the object. */
+class MutexLock {
+  public:
+    explicit MutexLock(pthread_mutex_t *mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
+    ~MutexLock() { pthread_mutex_unlock(mutex_); }
+    MutexLock(const MutexLock &) = delete;
+    MutexLock &operator=(const MutexLock &) = delete;
+
+  private:
+    pthread_mutex_t *mutex_;
+};
+
 /*
  * A field that one thread writes under a lock while others read it without
  * one (the main loop, the status report).  Loads and stores are relaxed
@@ -245,6 +257,14 @@ bool ready_transition(int slot_id);
 bool active_transition(int slot_id);
 bool handle_slot_timer_expired(int slot_id);
 bool no_valid_transition(int slot_id);
+
+/* Records the event the slot waits for next and arms its timer for
+ * `seconds`; false when the timer cannot be armed. */
+bool await_slot_event(int slot_id, slotEvent next, uint32_t seconds);
+/* `next`, unless the slot is parked in the portd reload rendezvous: a late
+ * repeat of an earlier event must not take it out of the rendezvous, or it
+ * would keep its reload flag and hold every other new card. */
+slotEvent unless_parked(const slotInfo *slot, slotEvent next);
 
 int get_vpd_value(const char *file_name, const char *field, char *value, int buf_len);
 int get_card_type(int slot_id);

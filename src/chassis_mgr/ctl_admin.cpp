@@ -33,17 +33,6 @@ constexpr int kSyncedAttempts = 3;
  * card and its ports, not its bring-up, and stay. */
 constexpr int kBringUpBits = SLOT_VERIFIED | SLOT_POWERED | SLOT_READY | SLOT_ACTIVE;
 
-class MutexLock {
-  public:
-    explicit MutexLock(pthread_mutex_t *mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
-    ~MutexLock() { pthread_mutex_unlock(mutex_); }
-    MutexLock(const MutexLock &) = delete;
-    MutexLock &operator=(const MutexLock &) = delete;
-
-  private:
-    pthread_mutex_t *mutex_;
-};
-
 slotInfo *slot_record(int slot_id) { return &g_slots_info[slot_id - 1]; }
 
 /* Enable and disable take 255 (all) or any number up to 8; 0 matches none. */

@@ -26,14 +26,6 @@ constexpr size_t INI_HEADER_SIZE = 5;
 /* Values in the parsed INI EEPROM file are at most 128 characters. */
 constexpr int EEPROM_VALUE_SIZE = 128;
 
-struct MutexLock {
-    pthread_mutex_t *mutex;
-    explicit MutexLock(pthread_mutex_t *m) : mutex(m) { pthread_mutex_lock(mutex); }
-    ~MutexLock() { pthread_mutex_unlock(mutex); }
-    MutexLock(const MutexLock &) = delete;
-    MutexLock &operator=(const MutexLock &) = delete;
-};
-
 /* Reads the first line of `command`'s output into `line` (empty when the
  * command prints nothing) and drops its last character, the line feed.
  * False when the pipe cannot be started. */

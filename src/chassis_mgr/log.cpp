@@ -22,11 +22,6 @@ namespace {
 pthread_mutex_t g_ring_lock = PTHREAD_MUTEX_INITIALIZER;
 char g_datestamp[128];
 
-struct RingLock {
-    RingLock() { pthread_mutex_lock(&g_ring_lock); }
-    ~RingLock() { pthread_mutex_unlock(&g_ring_lock); }
-};
-
 void log_vconsole(const char *fmt, va_list ap) {
     FILE *out = g_log_fd ? g_log_fd : stderr;
     vfprintf(out, fmt, ap);
@@ -63,7 +58,7 @@ const char *_log_datestamp(void) {
 
 void _log_ring(int ring, const char *level_name, const char *file, int line, const char *fmt, ...) {
     if (ring < 0 || ring >= LOG_RING_COUNT) ring = 0;
-    RingLock lock;
+    MutexLock lock(&g_ring_lock);
     char *out = g_slot_log.log[ring][g_slot_log.tail[ring]];
     int prefix = ring == 0
         ? snprintf(out, LOG_LINE_SIZE, "[%s]%s %s:%d ", level_name, _log_datestamp(), file, line)
@@ -81,7 +76,7 @@ void _log_ring(int ring, const char *level_name, const char *file, int line, con
 
 int log_ring_copy(int ring, char (*lines)[LOG_LINE_SIZE], int max_lines) {
     if (ring < 0 || ring >= LOG_RING_COUNT) return 0;
-    RingLock lock;
+    MutexLock lock(&g_ring_lock);
     int count = 0;
     for (int i = g_slot_log.head[ring]; i != g_slot_log.tail[ring] && count < max_lines;
          i = (i + 1) % LOG_RING_LINES) {

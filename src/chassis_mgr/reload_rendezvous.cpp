@@ -22,11 +22,6 @@ namespace {
 #define STEP_PERIOD_SECONDS 1
 #define HOLD_RETRY_SECONDS 3
 
-struct CardsConfLock {
-    CardsConfLock() { pthread_mutex_lock(&g_cards_conf_mutex); }
-    ~CardsConfLock() { pthread_mutex_unlock(&g_cards_conf_mutex); }
-};
-
 /* After SYNCED a slot goes on to READY once powered, else to POWERED. */
 slotEvent step_after_synced(const slotInfo *slot) {
     return (slot->current_state & SLOT_POWERED) ? slot_ready_event : slot_powered_event;
@@ -63,8 +58,8 @@ void release_slots(const ParkedSlots &parked) {
         int slot_id = parked.slot_ids[i];
         slotInfo *slot = &g_slots_info[slot_id - 1];
         slot->in_transition_reload_portd = 0;
-        slot->trans_timer.state_monitored = step_after_synced(slot);
-        if (!set_slot_timer(slot_id, STEP_PERIOD_SECONDS, 0)) CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
+        if (!await_slot_event(slot_id, step_after_synced(slot), STEP_PERIOD_SECONDS))
+            CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
     }
 }
 
@@ -77,15 +72,14 @@ bool wait_reload_portd(int slot_id) {
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Transitioned to WAIT_RELOAD_PORTD\n");
     if (slot->provisioned) {
         /* portd knows a provisioned slot's ports already. */
-        slot->trans_timer.state_monitored = step_after_synced(slot);
-        if (!set_slot_timer(slot_id, STEP_PERIOD_SECONDS, 0)) {
+        if (!await_slot_event(slot_id, step_after_synced(slot), STEP_PERIOD_SECONDS)) {
             CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
             return false;
         }
         return true;
     }
 
-    CardsConfLock lock;
+    MutexLock lock(&g_cards_conf_mutex);
     if (slot->trans_timer.state_monitored == slot_synced_event)
         slot->trans_timer.state_monitored = slot_wait_reload_portd;
 

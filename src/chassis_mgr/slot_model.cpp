@@ -116,6 +116,15 @@ bool init_sm_for_slot(int slot_id, char *event) {
     return true;
 }
 
+bool await_slot_event(int slot_id, slotEvent next, uint32_t seconds) {
+    g_slots_info[slot_id - 1].trans_timer.state_monitored = next;
+    return set_slot_timer(slot_id, seconds, 0);
+}
+
+slotEvent unless_parked(const slotInfo *slot, slotEvent next) {
+    return slot->trans_timer.state_monitored == slot_wait_reload_portd ? slot_wait_reload_portd : next;
+}
+
 bool power_within_budget(int) { return true; }
 
 bool recalculate_power_budget(int) { return true; }

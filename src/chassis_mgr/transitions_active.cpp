@@ -16,23 +16,6 @@ namespace {
 #define STEP_PERIOD_SECONDS 1
 #define REMOVAL_CHECK_SECONDS 10
 
-struct CardsConfLock {
-    CardsConfLock() { pthread_mutex_lock(&g_cards_conf_mutex); }
-    ~CardsConfLock() { pthread_mutex_unlock(&g_cards_conf_mutex); }
-};
-
-bool await_event(int slot_id, slotEvent next, uint32_t seconds) {
-    g_slots_info[slot_id - 1].trans_timer.state_monitored = next;
-    return set_slot_timer(slot_id, seconds, 0);
-}
-
-/* A late repeat of an earlier event must not take a slot out of the portd
- * reload it is parked in (see reload_rendezvous.cpp): it keeps waiting there;
- * otherwise it would keep its reload flag and hold every other new card. */
-slotEvent unless_parked(const slotInfo *slot, slotEvent next) {
-    return slot->trans_timer.state_monitored == slot_wait_reload_portd ? slot_wait_reload_portd : next;
-}
-
 /* Speed recorded for a newly detected card: VPD detection yields only the
  * 4-port 400G card and the 16-port 100G card, so anything but the former
  * is recorded at 100. */
@@ -41,7 +24,7 @@ int detected_card_speed(int card_type) { return card_type == CARD_TYPE_4X400G ? 
 /* Records the new card as detected and dirty: portd must learn its ports. */
 void record_new_card(int slot_id) {
     slotInfo *slot = &g_slots_info[slot_id - 1];
-    CardsConfLock lock;
+    MutexLock lock(&g_cards_conf_mutex);
     if (slot->provisioned) return;  /* provisioned meanwhile by the control thread */
     int speed = detected_card_speed(slot->card_type);
     update_cards_conf(slot_id, speed, 0, speed, 1, 0, slot->disabled);
@@ -71,7 +54,7 @@ bool synced_transition(int slot_id) {
     }
     if ((slot->current_state & SLOT_PRESENT) && !slot->disabled) {
         slotEvent next = (slot->current_state & SLOT_POWERED) ? slot_ready_event : slot_powered_event;
-        if (!await_event(slot_id, unless_parked(slot, next), STEP_PERIOD_SECONDS)) {
+        if (!await_slot_event(slot_id, unless_parked(slot, next), STEP_PERIOD_SECONDS)) {
             CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
             return false;
         }
@@ -94,7 +77,7 @@ bool active_transition(int slot_id) {
         CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Transitioned from %d to SLOT_ACTIVE\n", (int)slot->current_state);
         slot->current_state |= SLOT_ACTIVE;
         {
-            CardsConfLock lock;
+            MutexLock lock(&g_cards_conf_mutex);
             cards_conf_set_slot_online(slot_id, 1);
         }
         stamp_uptime(slot_id);
@@ -102,7 +85,7 @@ bool active_transition(int slot_id) {
     }
 
     /* In service: one look at the slot after 10 s, then only file changes. */
-    if (!await_event(slot_id, slot_empty_event, REMOVAL_CHECK_SECONDS)) {
+    if (!await_slot_event(slot_id, slot_empty_event, REMOVAL_CHECK_SECONDS)) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
         return false;
     }

@@ -25,23 +25,6 @@ namespace {
 constexpr int kRemovalMask = SLOT_PRESENT | SLOT_VERIFIED | SLOT_POWERED | SLOT_READY | SLOT_ACTIVE;
 static_assert(kRemovalMask == 59, "removal clears all bits but SLOT_SYNCED");
 
-struct CardsConfLock {
-    CardsConfLock() { pthread_mutex_lock(&g_cards_conf_mutex); }
-    ~CardsConfLock() { pthread_mutex_unlock(&g_cards_conf_mutex); }
-};
-
-/* Records the event the slot waits for next and arms its timer. */
-bool await_event(int slot_id, slotEvent next, uint32_t seconds) {
-    g_slots_info[slot_id - 1].trans_timer.state_monitored = next;
-    return set_slot_timer(slot_id, seconds, 0);
-}
-
-/* A late repeat of an earlier event must not take a slot out of the portd
- * reload it is parked in (see reload_rendezvous.cpp): it keeps waiting there. */
-slotEvent unless_parked(const slotInfo *slot, slotEvent next) {
-    return slot->trans_timer.state_monitored == slot_wait_reload_portd ? slot_wait_reload_portd : next;
-}
-
 /* Reads one VPD field into `value`; the text is always terminated, also when
  * the field fills the whole buffer. */
 void read_vpd_field(int slot_id, const char *field, char *value, int size) {
@@ -121,7 +104,7 @@ bool present_transition(int slot_id) {
         read_card_identity(slot_id);
     }
 
-    if (!await_event(slot_id, next, STEP_PERIOD_SECONDS)) {
+    if (!await_slot_event(slot_id, next, STEP_PERIOD_SECONDS)) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to set timer\n");
         return false;
     }
@@ -141,7 +124,7 @@ bool empty_transition(int slot_id) {
     slot_serial_set(slot_id, "none");
 
     {
-        CardsConfLock lock;
+        MutexLock lock(&g_cards_conf_mutex);
         if (slot->provisioned) {
             /* The slot keeps its provisioned ports for the next card. */
             int speed = card_type_port_speed(slot->provisioned_type);
@@ -155,7 +138,7 @@ bool empty_transition(int slot_id) {
         slot->card_type = CARD_TYPE_NONE;
     }
 
-    if (!await_event(slot_id, slot_present_event, PRESENT_PERIOD_SECONDS)) {
+    if (!await_slot_event(slot_id, slot_present_event, PRESENT_PERIOD_SECONDS)) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to set timer\n");
         return false;
     }

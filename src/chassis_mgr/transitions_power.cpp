@@ -17,22 +17,6 @@ namespace {
 #define STEP_PERIOD_SECONDS 1
 #define POWER_SETTLE_SECONDS 1
 
-struct CardsConfLock {
-    CardsConfLock() { pthread_mutex_lock(&g_cards_conf_mutex); }
-    ~CardsConfLock() { pthread_mutex_unlock(&g_cards_conf_mutex); }
-};
-
-bool await_event(int slot_id, slotEvent next, uint32_t seconds) {
-    g_slots_info[slot_id - 1].trans_timer.state_monitored = next;
-    return set_slot_timer(slot_id, seconds, 0);
-}
-
-/* A late repeat of an earlier event must not take a slot out of the portd
- * reload it is parked in (see reload_rendezvous.cpp): it keeps waiting there. */
-slotEvent unless_parked(const slotInfo *slot, slotEvent next) {
-    return slot->trans_timer.state_monitored == slot_wait_reload_portd ? slot_wait_reload_portd : next;
-}
-
 /* Asks the hardware to power the card.  The request reaches the file when
  * it is closed, one second after the write; a file that cannot be opened is
  * passed over silently, as the hardware then raises no powered event and
@@ -55,7 +39,7 @@ bool accept_provisioned_card(int slot_id) {
         return false;
     }
     int speed = card_type_port_speed(slot->card_type);
-    CardsConfLock lock;
+    MutexLock lock(&g_cards_conf_mutex);
     update_cards_conf(slot_id, speed, speed, speed, 0, 0, slot->disabled);
     return true;
 }
@@ -92,7 +76,7 @@ bool verified_transition(int slot_id) {
         }
     }
 
-    if (!await_event(slot_id, next, STEP_PERIOD_SECONDS)) {
+    if (!await_slot_event(slot_id, next, STEP_PERIOD_SECONDS)) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
         return false;
     }

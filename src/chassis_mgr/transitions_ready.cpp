@@ -26,11 +26,6 @@ namespace {
 #define READY_POLLS 25
 #define INI_IN_USE_POLLS 5
 
-struct GearboxLock {
-    GearboxLock() { pthread_mutex_lock(&g_gearbox_update); }
-    ~GearboxLock() { pthread_mutex_unlock(&g_gearbox_update); }
-};
-
 /* Writes "1\n" to the card's enable file.  A file that cannot be opened is
  * passed over: the steps after it log their own failures. */
 void enable_card(int slot_id) {
@@ -53,7 +48,7 @@ void update_gearbox(int slot_id) {
     int built = snprintf(command, sizeof command, "%s -s %d -t cardtype_16x100 -l INFO -f %s", tool, slot_id,
                          log_file);
 
-    GearboxLock lock;
+    MutexLock lock(&g_gearbox_update);
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Updating gearbox\n");
     /* A command cut short by its buffer is not run: it counts as not launched. */
     bool whole = built >= 0 && (size_t)built < sizeof command;
@@ -118,8 +113,7 @@ bool ready_transition(int slot_id) {
     }
     if (slot->current_state & SLOT_READY) {
         CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Already in READY state\n");
-        slot->trans_timer.state_monitored = slot_active_event;
-        if (!set_slot_timer(slot_id, STEP_PERIOD_SECONDS, 0)) {
+        if (!await_slot_event(slot_id, slot_active_event, STEP_PERIOD_SECONDS)) {
             CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
             return false;
         }
@@ -131,8 +125,7 @@ bool ready_transition(int slot_id) {
     slot->current_state |= SLOT_READY;
     bring_card_up(slot_id);
 
-    slot->trans_timer.state_monitored = slot_active_event;
-    if (!set_slot_timer(slot_id, STEP_PERIOD_SECONDS, 0)) {
+    if (!await_slot_event(slot_id, slot_active_event, STEP_PERIOD_SECONDS)) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
         return false;
     }

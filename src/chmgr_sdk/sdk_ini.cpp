@@ -22,14 +22,6 @@ constexpr int SLOT_PORT_LIST_ROOM = SDK_SLOT_PORT_CAPACITY + 1;
 /* INI images are a few kilobytes; anything above this is not an INI. */
 constexpr off_t INI_FILE_MAX_SIZE = 1024 * 1024;
 
-struct MutexLock {
-    pthread_mutex_t *mutex;
-    explicit MutexLock(pthread_mutex_t *m) : mutex(m) { pthread_mutex_lock(mutex); }
-    ~MutexLock() { pthread_mutex_unlock(mutex); }
-    MutexLock(const MutexLock &) = delete;
-    MutexLock &operator=(const MutexLock &) = delete;
-};
-
 struct FileCloser {
     FILE *file;
     ~FileCloser() {
