@@ -366,8 +366,10 @@ TEST_F(WorkerPoolTest, ItemsOfOneSlotStartInQueueOrderWhileTheyWaitForTheSlot) {
 TEST_F(WorkerPoolTest, ItemsOfDifferentSlotsDoNotWaitForEachOther) {
     g_probe.set_gate(7, false);
     queue_items({{7, slot_ready_event}, {8, slot_ready_event}});
-    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 1; }));
-    EXPECT_EQ(g_probe.finished[0].slot_id, 8);  // slot 7 is still inside its transition
+    /* Both have started and one has finished: slot 8 ran to its end while
+     * slot 7 is still inside its transition. */
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.started.size() == 2 && g_probe.finished.size() == 1; }));
+    EXPECT_EQ(g_probe.finished[0].slot_id, 8);
     EXPECT_EQ(g_probe.running, 1);
 }
 
