@@ -34,6 +34,8 @@ import tempfile
 import time
 from pathlib import Path
 
+from bench_support import in_main_loop
+
 REPO = Path(__file__).resolve().parents[1]
 HWEMU = REPO / "tools" / "chmgr-hwemu"
 RECORDER = REPO / "tests" / "system" / "standins" / "recorder.py"
@@ -68,18 +70,6 @@ def online_slots(conf_path):
     return slots
 
 
-def watches_placed(pid):
-    """True once the daemon watches the six event files of all eight slots
-    (the last start-up step before its poll loop)."""
-    counts = []
-    for fd in os.listdir(f"/proc/{pid}/fd"):
-        try:
-            if os.readlink(f"/proc/{pid}/fd/{fd}") == "anon_inode:inotify":
-                counts.append(Path(f"/proc/{pid}/fdinfo/{fd}").read_text().count("inotify wd:"))
-        except OSError:
-            continue
-    return counts.count(6) == 8
-
 
 def one_run(binary, scale, slots, timeout):
     """Seconds from the present events of `slots` to all of them "Online"."""
@@ -113,7 +103,7 @@ def one_run(binary, scale, slots, timeout):
         with open(base / "daemon.out", "wb") as out:
             procs.append(subprocess.Popen([str(binary)], stdout=out, stderr=subprocess.STDOUT, env=env,
                                           cwd=base, start_new_session=True))
-        while not watches_placed(procs[-1].pid):
+        while not in_main_loop(procs[-1].pid):
             if time.monotonic() > deadline or procs[-1].poll() is not None:
                 raise RuntimeError(f"daemon did not reach its poll loop (see {base})")
             time.sleep(0.005)

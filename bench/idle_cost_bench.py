@@ -26,6 +26,8 @@ import tempfile
 import time
 from pathlib import Path
 
+from bench_support import in_main_loop
+
 REPO = Path(__file__).resolve().parents[1]
 HWEMU = REPO / "tools" / "chmgr-hwemu"
 CLOCK_TICKS = os.sysconf("SC_CLK_TCK")
@@ -65,23 +67,13 @@ def thread_switches(pid):
     return result
 
 
-def in_main_loop(pid):
-    counts = []
-    for fd in os.listdir(f"/proc/{pid}/fd"):
-        try:
-            if os.readlink(f"/proc/{pid}/fd/{fd}") == "anon_inode:inotify":
-                counts.append(Path(f"/proc/{pid}/fdinfo/{fd}").read_text().count("inotify wd:"))
-        except OSError:
-            pass
-    return counts.count(6) == 8
-
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--duration", type=float, default=60.0)
     parser.add_argument("--build-dir", default=os.environ.get("CHMGR_BUILD_DIR", str(REPO / "build")))
     args = parser.parse_args()
-    binary = Path(args.build_dir) / "chassis-mgr"
+    binary = Path(args.build_dir).resolve() / "chassis-mgr"
     if not os.access(binary, os.X_OK):
         sys.exit(f"no daemon binary at {binary}")
 
