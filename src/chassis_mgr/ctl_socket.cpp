@@ -2,13 +2,15 @@
  * The control socket: a local stream socket on which the administration
  * client sends one request per connection and gets one reply (or none).
  *
- * Every request is received into g_ctl_resp_buf, and the handlers build
+ * Every request is laid over g_ctl_resp_buf when it is served (the bytes
+ * received, no more), and the handlers build
  * their reply in place over it, so a reply carries the request's own cmd,
  * seq, slot_no and card_type.  The buffer is never cleared between
  * connections: bytes a handler does not write (status_str on success, the
  * records it skips) hold whatever an earlier exchange left there.
  */
 #include <errno.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -16,6 +18,7 @@
 #include <unistd.h>
 
 #include "chassis_mgr.h"
+#include "ctl_connections.h"
 
 alignas(8) unsigned char g_ctl_resp_buf[CTL_BUF_SIZE];
 debugCmdRespSlotState g_ctl_debug_cmd_resp;
@@ -26,10 +29,6 @@ namespace {
 #define CTL_SOCKET_PATH "/run/chassismgr/chassismgr"
 #define CTL_LISTEN_BACKLOG 1
 
-/* A client that stalls in the middle of a request (or never reads its reply)
- * would otherwise hold the only control thread for good.  This bounds each
- * receive and send; it is a guard against a broken peer, not a daemon
- * timing, so the clock factor does not apply. */
 constexpr int kClientIoTimeoutSeconds = 5;
 
 typedef bool (*ctlHandler)(ctlReply *reply);
@@ -48,18 +47,6 @@ constexpr CommandEntry kCommands[] = {
     {PRE_PROVISION_ENABLE, ctl_pre_provision_enable},
     {PRE_PROVISION_DISABLE, ctl_pre_provision_disable},
     {DEBUG_SLOT, ctl_debug_slot},
-};
-
-class ClientFd {
-  public:
-    explicit ClientFd(int fd) : fd_(fd) {}
-    ~ClientFd() { close(fd_); }
-    ClientFd(const ClientFd &) = delete;
-    ClientFd &operator=(const ClientFd &) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
 };
 
 /* Socket, stale socket file removed, bind, listen.  The descriptor is kept
@@ -98,33 +85,62 @@ bool ctl_socket_setup(int *listen_fd) {
     return true;
 }
 
-void set_client_timeouts(int client) {
+/* A client that never reads its reply would otherwise hold the control
+ * thread for good: each send is bounded.  A guard against a broken peer, not
+ * a daemon timing, so the clock factor does not apply. */
+void set_send_timeout(int client) {
     struct timeval limit = {kClientIoTimeoutSeconds, 0};
-    setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
-/* One request, one reply (or none).  A receive that returns 0 or fails
- * leaves the previous request in the buffer, which is then served again. */
-void serve_connection(int client) {
-    ssize_t received = recv(client, g_ctl_resp_buf, CTL_BUF_SIZE, 0);
-    CM_LOG(LOG_LEVEL_INFO, "Received CTL packet\n");
+CtlConnectionTable g_connections;
 
-    /* Compared as unsigned 32-bit values: a failed receive (-1) never
-     * looks shorter than `len`, and `len` above 1023 never asks for more. */
-    uint32_t got = (uint32_t)received;
-    uint32_t len = ctl_header_of(g_ctl_resp_buf).len;
-    if (len <= CTL_BUF_SIZE - 1 && len > got) {
-        CM_LOG(LOG_LEVEL_INFO, "We have TCP packets that are split\n");
-        ssize_t ignored = recv(client, g_ctl_resp_buf + got, len - got, 0);
-        (void)ignored;
-    }
-
+/* One complete request, one reply (or none).  A connection whose first
+ * receive saw the end leaves the previous request in the buffer, which is
+ * then served again. */
+void serve_request(const CtlConnection &conn) {
+    if (!conn.replay) memcpy(g_ctl_resp_buf, conn.bytes, conn.received);
     ctlReply reply;
     if (!ctl_handle_request(&reply)) return;
     /* MSG_NOSIGNAL: a client gone before its reply must not stop the daemon. */
-    if (send(client, reply.data, reply.size, MSG_CONFIRM | MSG_NOSIGNAL) == -1)
+    if (send(conn.fd, reply.data, reply.size, MSG_CONFIRM | MSG_NOSIGNAL) == -1)
         CM_LOG(LOG_LEVEL_INFO, "ERROR from perror - %s\n", strerror(errno));
+}
+
+/* False when accept failed: the thread ends. */
+bool accept_connection(int listen_fd) {
+    int client = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client == -1) {
+        CM_LOG(LOG_LEVEL_ERR, "Socket accept() call failed\n");
+        return false;
+    }
+    set_send_timeout(client);
+    ctl_conns_add(&g_connections, client, ctl_monotonic_ms());
+    return true;
+}
+
+void log_receipt(CtlReceipt receipt) {
+    if (receipt == CTL_RECEIVED_FIRST || receipt == CTL_RECEIVED_SPLIT)
+        CM_LOG(LOG_LEVEL_INFO, "Received CTL packet\n");
+    if (receipt == CTL_RECEIVED_SPLIT) CM_LOG(LOG_LEVEL_INFO, "We have TCP packets that are split\n");
+}
+
+/* Waits for a new connection, request bytes or the nearest receive limit,
+ * and takes in what arrived.  False when accept failed. */
+bool receive_round(int listen_fd) {
+    struct pollfd fds[kCtlMaxConnections + 1];
+    int index_of[kCtlMaxConnections];
+    fds[0] = {listen_fd, POLLIN, 0};
+    int held = ctl_conns_poll_set(&g_connections, fds + 1, index_of);
+    int timeout = ctl_conns_poll_timeout(&g_connections, ctl_monotonic_ms());
+    if (poll(fds, (nfds_t)held + 1, timeout) < 0 && errno != EINTR) return true;
+
+    int64_t now = ctl_monotonic_ms();
+    for (int i = 0; i < held; ++i)
+        if (fds[i + 1].revents != 0) log_receipt(ctl_conns_receive(&g_connections, index_of[i], now));
+    ctl_conns_expire(&g_connections, now);
+    if (fds[0].revents != 0 && !accept_connection(listen_fd)) return false;
+    return true;
 }
 
 }  // namespace
@@ -163,15 +179,16 @@ void *ctl_thread(void *) {
     int listen_fd = -1;
     if (!ctl_socket_setup(&listen_fd)) return nullptr;
     g_ctl_sock_fd = listen_fd;
+    ctl_conns_init(&g_connections);
 
-    for (;;) {
-        int client = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (client == -1) {
-            CM_LOG(LOG_LEVEL_ERR, "Socket accept() call failed\n");
-            return nullptr;
-        }
-        ClientFd connection(client);
-        set_client_timeouts(connection.get());
-        serve_connection(connection.get());
+    /* Requests are received from every connection at once and served one at
+     * a time, in the order they became complete. */
+    while (receive_round(listen_fd)) {
+        int ready = ctl_conns_next_ready(&g_connections);
+        if (ready == -1) continue;
+        serve_request(g_connections.conns[ready]);
+        ctl_conns_close(&g_connections, ready);
     }
+    ctl_conns_close_all(&g_connections);
+    return nullptr;
 }
