@@ -152,3 +152,15 @@ def test_trigger_file_with_text_gives_only_the_chassis_part(sandbox, daemon):
                                      what="the whole document"))
     assert list(document) == ["chassis", "Log"]
     assert "debug_trigger.cpp:<N> SLOT ID read = 0" in console_lines(handle)
+
+
+def test_serial_with_a_control_byte_is_shown_as_a_question_mark(sandbox, daemon):
+    start_listening(sandbox, daemon)
+    sandbox.insert(4, pn="KTR9600-C16", sn="SN\x1f00004", rev=2)
+
+    def serial_shown():
+        document = json.loads(ctl_exchange(sandbox, ctl_request(DEBUG_SLOT, 4))[24:])
+        return document["slot4"]["Serial No"] or None
+
+    assert wait_until(serial_shown, what="the serial number in the status document") == "SN?00004"
+    assert json.loads(sandbox.read(DOCUMENT_RELPATH))["slot4"]["Serial No"] == "SN?00004"

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "json.h"
 #include "test_support.h"
 
 using namespace chmgr_test;
@@ -251,10 +252,21 @@ TEST_F(StatusReportTest, BytesThatAreNotUtf8AreShownAsQuestionMarks) {
     EXPECT_NE(text.find("raw ?? bytes\\n\""), std::string::npos) << text;
 }
 
-TEST_F(StatusReportTest, ControlCharactersInTextsAreEscaped) {
-    slot_serial_set(1, "A\tB\x01");
+TEST_F(StatusReportTest, ControlBytesInSerialsAreShownAsQuestionMarks) {
+    slot_serial_set(1, "A\tB\x01" "C\x1f" "D\x7f");
+    int length = get_json_obj_for_slots(1);
+    std::string text = root.read(kDocument);
+    EXPECT_GT(length, 0);
+    EXPECT_NE(text.find("\"Serial No\": \"A?B?C?D?\","), std::string::npos) << text;
+    EXPECT_TRUE(json_validate(text.c_str())) << text;
+}
+
+TEST_F(StatusReportTest, ControlCharactersInLogLinesAreEscapedAndUnitSeparatorShownAsQuestionMark) {
+    CM_LOG_SLOT(LOG_LEVEL_INFO, 1, "a\tb\x01" "c\x1f" "d\n");
     get_json_obj_for_slots(1);
-    EXPECT_NE(root.read(kDocument).find("\"Serial No\": \"A\\tB\\u0001\","), std::string::npos);
+    std::string text = root.read(kDocument);
+    EXPECT_NE(text.find("a\\tb\\u0001c?d\\n\""), std::string::npos) << text;
+    EXPECT_TRUE(json_validate(text.c_str())) << text;
 }
 
 TEST_F(StatusReportTest, UnwritableDocumentGivesZeroAndNoLogLine) {
