@@ -219,7 +219,7 @@ bool pre_provision_cmd(ctlPreProvisionCmd *pprovision_cmd) {
 
     char path[CM_PATH_SIZE];
     env_path(path, sizeof path, SYNCED_FILE, slot_id);
-    FILE *synced = fopen(path, "r");
+    FILE *synced = fopen(path, "re");
     if (!synced) {
         CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Unable to open file %s\n", path);
         return false;  // the reply still reports success

@@ -120,7 +120,7 @@ bool ctl_debug_slot(ctlReply *reply) {
 
     char path[CM_PATH_SIZE];
     env_path(path, sizeof path, STATUS_DOCUMENT_PATH);
-    FILE *document = fopen(path, "r");
+    FILE *document = fopen(path, "re");
     if (!document) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to open JSON file\n");
         memset(g_ctl_debug_cmd_resp.buffer, 0, CTL_STATUS_STR_SIZE);

@@ -26,7 +26,7 @@ constexpr size_t kTriggerReadSize = 17;
  * be opened.  Only the bytes read count: the number ends at the first
  * non-digit or at the end of what was read. */
 bool read_trigger_slot(const char *path, int *slot_id) {
-    FILE *file = fopen(path, "r");
+    FILE *file = fopen(path, "re");
     if (!file) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to open file %s\n", path);
         return false;

@@ -98,7 +98,7 @@ void handle_timer_wakeup(int slot_id) {
 bool init_inotify_events(void) {
     char path[CM_PATH_SIZE];
     for (int slot_id = 1; slot_id <= MAX_SLOTS_FOR_9600; ++slot_id) {
-        int ifd = inotify_init();
+        int ifd = inotify_init1(IN_CLOEXEC);
         g_ifd[slot_id - 1] = ifd;
         /* A missing file gets no watch (-1) and is never reported, even once
          * it is created: the watch set is fixed at start-up. */

@@ -30,7 +30,7 @@ constexpr int EEPROM_VALUE_SIZE = 128;
  * command prints nothing) and drops its last character, the line feed.
  * False when the pipe cannot be started. */
 bool read_command_line(const char *command, char *line, int size) {
-    FILE *pipe = popen(command, "r");
+    FILE *pipe = popen(command, "re");
     if (!pipe) return false;
     line[0] = '\0';
     if (!fgets(line, size, pipe)) line[0] = '\0';
@@ -200,7 +200,7 @@ bool get_sdk_packaged_ini_info(int card_type, iniInfo *ini_info) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to locate INI file (popen error)");
         return false;
     }
-    FILE *image = fopen(image_path, "rb");
+    FILE *image = fopen(image_path, "rbe");
     if (!image) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to read INI file %s\n", image_path);
         return false;

@@ -46,7 +46,7 @@ bool is_file_event(int event) {
 }  // namespace
 
 bool read_event_file(const char *path, int *value) {
-    FILE *file = fopen(path, "r");
+    FILE *file = fopen(path, "re");
     if (!file) return false;
     int c = fgetc(file);
     fclose(file);
@@ -105,7 +105,7 @@ bool init_sm_for_slot(int slot_id, char *event) {
     }
 
     env_path(path, sizeof path, EVENT_DIR "lc%d_present", slot_no);
-    FILE *file = fopen(path, "r");
+    FILE *file = fopen(path, "re");
     if (!file) {
         CM_LOG_SLOT(LOG_LEVEL_INFO, slot_no, "Unable to open %s\n", path);
         return false;

@@ -24,7 +24,7 @@ namespace {
 void request_power(int slot_id) {
     char path[CM_PATH_SIZE];
     env_path(path, sizeof path, POWER_FILE_FMT, slot_id);
-    FILE *file = fopen(path, "w");
+    FILE *file = fopen(path, "we");
     if (file) fputs("1\n", file);
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Writing to %s\n", path);
     env_sleep(POWER_SETTLE_SECONDS);

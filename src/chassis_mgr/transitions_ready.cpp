@@ -31,7 +31,7 @@ namespace {
 void enable_card(int slot_id) {
     char path[CM_PATH_SIZE];
     env_path(path, sizeof path, ENABLE_FILE_FMT, slot_id);
-    FILE *file = fopen(path, "w");
+    FILE *file = fopen(path, "we");
     if (!file) return;
     fputs("1\n", file);
     fclose(file);

@@ -26,7 +26,7 @@ int get_vpd_value(const char *file_name, const char *field, char *value, int buf
         set_error_value(value, buf_len);
         return 0;
     }
-    FILE *file = fopen(file_name, "r");
+    FILE *file = fopen(file_name, "re");
     if (!file) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to open file %s\n", file_name);
         set_error_value(value, buf_len);

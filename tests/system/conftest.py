@@ -311,6 +311,16 @@ class Sandbox:
     def _started(cls, program):
         return [tuple(rec["args"]) for rec in cls._records(program, "started")]
 
+    @classmethod
+    def _started_fds(cls, program):
+        return [(tuple(rec["args"]), {int(fd): target for fd, target in rec["fds"].items()})
+                for rec in cls._records(program, "started")]
+
+    def started_fds(self):
+        """(args, {fd: link target}) of every stand-in command started
+        (`systemctl`, then the gearbox tool): what each inherited."""
+        return self._started_fds(self.systemctl) + self._started_fds(self.gearbox)
+
     def systemctl_calls(self):
         """Finished `systemctl` invocations (StandinCall), in the order they ended."""
         return self._calls(self.systemctl)

@@ -290,3 +290,15 @@ def test_client_that_closes_at_once_still_replays_the_previous_request(sandbox, 
     client.close()
     assert header(reply)[:4] == (5, 1024, 41, 2)
     assert count(handle, "ctl_show.cpp:<N> Received CTL cmd SHOW_SUMMARY") == 2
+
+
+def test_commands_the_daemon_runs_inherit_only_the_standard_descriptors(sandbox, daemon):
+    start_listening(sandbox, daemon)
+    silent = Client(sandbox)  # a connection held open while the command runs
+    reply = ctl_exchange_long(sandbox, ctl_request(LINECARD_DISABLE, 6, seq=7))
+    assert header(reply)[4] == 0
+    silent.close()
+    started = sandbox.started_fds()
+    assert ("reload", "envd") in [args for args, _ in started]
+    for args, fds in started:
+        assert sorted(fds) == [0, 1, 2], (args, fds)

@@ -7,7 +7,9 @@ ROOT/usr/lib/tarnel/brlgbfwupgrade.ks.  Everything it uses lives beside that
 copy and is named after it (here for .../bin/systemctl):
 
   systemctl.started  one JSON object per invocation, appended when it starts:
-                     {"args": [...], "start_ns": N, "pid": N}
+                     {"args": [...], "start_ns": N, "pid": N, "fds": {...}}
+                     ("fds": the descriptors it was started with, number to
+                     link target, as /proc/self/fd shows them)
   systemctl.calls    one JSON object per invocation, appended when it ends:
                      {"args": [...], "start_ns": N, "end_ns": N, "exit": N, "pid": N}
                      (times are wall-clock nanoseconds since the epoch)
@@ -47,11 +49,26 @@ def append_record(path, record):
         os.close(fd)
 
 
+def inherited_fds():
+    """Descriptors open now, but the one that lists them."""
+    own_listing = f"/proc/{os.getpid()}/fd"
+    fds = {}
+    for name in os.listdir("/proc/self/fd"):
+        try:
+            target = os.readlink(f"/proc/self/fd/{name}")
+        except OSError:
+            continue  # the listing's own descriptor, closed already
+        if target != own_listing:
+            fds[name] = target
+    return fds
+
+
 def main():
     start_ns = time.time_ns()
+    fds = inherited_fds()
     base = os.path.abspath(sys.argv[0])
     args = sys.argv[1:]
-    append_record(base + ".started", {"args": args, "start_ns": start_ns, "pid": os.getpid()})
+    append_record(base + ".started", {"args": args, "start_ns": start_ns, "pid": os.getpid(), "fds": fds})
     exit_code = read_number(base + ".exit", int, 0)
     delay = read_number(base + ".sleep", float, 0.0)
     if delay > 0:
