@@ -309,8 +309,10 @@ bool set_slot_timer(int slot_id, uint32_t time_in_sec, uint32_t time_in_nsec);
 #define SUPERVISION_PERIOD_SEC 1
 
 /* The poll set: entry 2(n-1) is slot n's inotify descriptor, entry
- * 2(n-1)+1 its timer.  One wake-up is handled by handle_poll_results. */
-#define POLL_SET_SIZE (2 * MAX_SLOTS_FOR_9600)
+ * 2(n-1)+1 its timer, and the last one the events directory's inotify
+ * descriptor.  One wake-up is handled by handle_poll_results. */
+#define POLL_EVENTS_DIR_ENTRY (2 * MAX_SLOTS_FOR_9600)
+#define POLL_SET_SIZE (2 * MAX_SLOTS_FOR_9600 + 1)
 struct pollfd;
 void build_poll_set(struct pollfd *fds);
 void handle_poll_results(const struct pollfd *fds);

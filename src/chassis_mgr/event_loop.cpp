@@ -1,11 +1,13 @@
 /*
  * Event sources and the main loop.  Each slot has one inotify instance that
  * watches its six event files for close-after-write, and one one-shot timer.
- * The main thread polls the sixteen descriptors and turns every wake-up into
+ * The main thread polls these sixteen descriptors (and the watch of the
+ * events directory, event_watches.cpp) and turns every file or timer wake-up into
  * a work item (slot, event) for the worker pool; it never runs a transition
  * itself.  A file wake-up is decided by re-reading the event files, not by
  * the inotify record; a timer wake-up becomes slot_timeout_event.
  */
+#include <errno.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/inotify.h>
@@ -13,6 +15,7 @@
 #include <unistd.h>
 
 #include "chassis_mgr.h"
+#include "event_watches.h"
 
 int g_ifd[MAX_SLOTS_FOR_9600];
 int g_wd_present[MAX_SLOTS_FOR_9600];
@@ -24,21 +27,9 @@ int g_wd_ready[MAX_SLOTS_FOR_9600];
 
 namespace {
 
-#define EVENT_DIR "/var/run/hw-management/events/"
-
 /* One inotify record of a watched file is 16 bytes (no name): a 17-byte read
  * takes exactly one, and further records make the next poll return at once. */
 #define INOTIFY_READ_SIZE 17
-
-/* The six watches of a slot, in the order they are placed. */
-const struct {
-    const char *path_format;
-    int *watch;
-} kSlotWatches[] = {
-    {EVENT_DIR "lc%d_present", g_wd_present}, {EVENT_DIR "lc%d_verified", g_wd_verified},
-    {EVENT_DIR "lc%d_synced", g_wd_synced},   {EVENT_DIR "lc%d_powered", g_wd_powered},
-    {EVENT_DIR "lc%d_active", g_wd_active},   {EVENT_DIR "lc%d_ready", g_wd_ready},
-};
 
 /* Appends an item under the queue mutex and wakes every idle worker.  A file
  * event also restarts the slot's count of fruitless expiries: a slot that
@@ -68,8 +59,15 @@ eventWork *new_work(int slot_id) {
  * skipped for this wake-up (no memory for the item). */
 bool handle_file_wakeup(int slot_id) {
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Received event\n");
-    char buffer[INOTIFY_READ_SIZE];
-    if (read(g_ifd[slot_id - 1], buffer, sizeof buffer) <= 0) return true;
+    alignas(struct inotify_event) char buffer[INOTIFY_READ_SIZE];
+    ssize_t got = read(g_ifd[slot_id - 1], buffer, sizeof buffer);
+    if (got > 0) {
+        note_slot_watch_record(slot_id, (const struct inotify_event *)buffer);
+    } else if (got == 0 || errno != EINVAL) {
+        return true;
+    } else if (!drain_slot_watch_records(slot_id)) {
+        return true;  // a directory's records only: left queued, they would wake the loop for ever
+    }
     eventWork *work = new_work(slot_id);
     if (!work) return false;
     work->event = get_event_transition(slot_id);
@@ -95,18 +93,17 @@ void handle_timer_wakeup(int slot_id) {
 
 }  // namespace
 
+void queue_event_reread(int slot_id) {
+    eventWork *work = new_work(slot_id);
+    if (!work) return;
+    work->event = get_event_transition(slot_id);
+    queue_work(work, true);
+}
+
 bool init_inotify_events(void) {
-    char path[CM_PATH_SIZE];
-    for (int slot_id = 1; slot_id <= MAX_SLOTS_FOR_9600; ++slot_id) {
-        int ifd = inotify_init1(IN_CLOEXEC);
-        g_ifd[slot_id - 1] = ifd;
-        /* A missing file gets no watch (-1) and is never reported, even once
-         * it is created: the watch set is fixed at start-up. */
-        for (const auto &watch : kSlotWatches) {
-            env_path(path, sizeof path, watch.path_format, slot_id);
-            watch.watch[slot_id - 1] = inotify_add_watch(ifd, path, IN_CLOSE_WRITE);
-        }
-    }
+    for (int slot_id = 1; slot_id <= MAX_SLOTS_FOR_9600; ++slot_id) g_ifd[slot_id - 1] = inotify_init1(IN_CLOEXEC);
+    /* A missing file gets no watch (-1) until it appears in the events directory. */
+    place_event_watches();
     return true;
 }
 
@@ -123,6 +120,7 @@ void build_poll_set(struct pollfd *fds) {
         entry[0] = {g_ifd[slot_id - 1], POLLIN, 0};
         entry[1] = {g_slots_info[slot_id - 1].trans_timer.timer_fd, POLLIN, 0};
     }
+    fds[POLL_EVENTS_DIR_ENTRY] = {g_events_dir_ifd, POLLIN, 0};
 }
 
 /* Slots in ascending order; for each, the file event is queued before the
@@ -133,6 +131,7 @@ void handle_poll_results(const struct pollfd *fds) {
         if ((entry[0].revents & POLLIN) && !handle_file_wakeup(slot_id)) continue;
         if (entry[1].revents & POLLIN) handle_timer_wakeup(slot_id);
     }
+    if (fds[POLL_EVENTS_DIR_ENTRY].revents & POLLIN) handle_events_dir_wakeup();
 }
 
 void run_main_loop(void) {
@@ -140,10 +139,11 @@ void run_main_loop(void) {
     build_poll_set(fd_set);
     for (;;) {
         /* Any failure ends the daemon, an interrupted call included. */
-        if (poll(fd_set, POLL_SET_SIZE, -1) < 0) {
+        if (poll(fd_set, POLL_SET_SIZE, events_dir_retry_timeout_ms()) < 0) {
             CM_LOG(LOG_LEVEL_ERR, "poll() error exiting\n");
             exit(1);
         }
+        retry_events_dir();
         handle_poll_results(fd_set);
     }
 }

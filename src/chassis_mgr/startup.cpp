@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "chassis_mgr.h"
+#include "event_watches.h"
 #include "chmgr_sdk.h"
 
 int g_emul_flag = 0;
@@ -125,13 +126,20 @@ bool start_worker_pool(void) {
     return true;
 }
 
+/* Slots whose event files could not be read at start-up: they get their
+ * start-up state once the files are back (give_late_start_state). */
+relaxed<int> g_start_state_pending[MAX_SLOTS_FOR_9600];
+
 /* Gives each slot its start-up state: an empty slot is polled for a card
  * every 10 s; a present card goes through detection at once, here on the
  * main thread (no work can be queued yet, so the slot mutex is not taken). */
 bool init_slot_states(void) {
     for (int slot_id = 1; slot_id <= MAX_SLOTS_FOR_9600; ++slot_id) {
         char event = '\0';
-        if (!init_sm_for_slot(slot_id - 1, &event)) continue;
+        if (!init_sm_for_slot(slot_id - 1, &event)) {
+            g_start_state_pending[slot_id - 1] = 1;
+            continue;
+        }
         if (event != '1') {
             CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Initial empty slot detected\n");
             g_slots_info[slot_id - 1].trans_timer.state_monitored = slot_present_event;
@@ -147,6 +155,18 @@ bool init_slot_states(void) {
 }
 
 }  // namespace
+
+void give_late_start_state(int slot_id) {
+    if (!g_start_state_pending[slot_id - 1]) return;
+    MutexLock lock(&g_slots_info[slot_id - 1].mutex);
+    char event = '\0';
+    if (!init_sm_for_slot(slot_id - 1, &event)) return;
+    g_start_state_pending[slot_id - 1] = 0;
+    if (event != '1') CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Initial empty slot detected\n");
+    /* A card already present is found by the re-read that follows. */
+    if (!await_slot_event(slot_id, slot_present_event, PRESENT_POLL_PERIOD_SEC))
+        CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
+}
 
 int parse_options(int argc, char **argv, int *daemonize) {
     const char *program = argc > 0 ? argv[0] : "chassis-mgr";

@@ -649,11 +649,30 @@ def wait_in_main_loop(handle, pid=None):
     wait_until(ready, what=f"daemon {pid} to reach its poll loop")
 
 
+def daemon_root(pid):
+    """The CHMGR_ROOT the process was started with."""
+    with open(f"/proc/{pid}/environ", "rb") as environ:
+        for entry in environ.read().split(b"\0"):
+            if entry.startswith(b"CHMGR_ROOT="):
+                return entry[len(b"CHMGR_ROOT="):].decode()
+    return ""
+
+
+def watches_inode(pid, path):
+    """True when one of the process's inotify instances watches the file now at `path`."""
+    try:
+        inode = os.stat(path).st_ino
+    except OSError:
+        return False
+    return any(f" ino:{inode:x} " in info for info in fd_infos(pid, "anon_inode:inotify"))
+
+
 def wait_debug_trigger_watched(handle):
     """The status document is rewritten through the debug trigger file, whose
-    watch (one inotify instance with one watch) the debug thread places on its
-    own schedule: wait for it before asking for a document."""
-    wait_until(lambda: 1 in inotify_watch_counts(handle.pid), what="the debug trigger's watch")
+    watch the debug thread places on its own schedule: wait until the file
+    now at the trigger path is watched before asking for a document."""
+    path = daemon_root(handle.pid) + "/etc/tarnel/debug_slot"
+    wait_until(lambda: watches_inode(handle.pid, path), what="the debug trigger's watch")
 
 
 # ---------------------------------------------------------------- console

@@ -1,14 +1,18 @@
 """The event sources and the poll loop of the real chassis-mgr binary: file
-wake-ups per slot, files that appear after start-up, the per-slot timers of
-empty slots, bad event files, and the exit on a poll failure."""
+wake-ups per slot, files that appear after start-up or come back after being
+deleted or replaced, a tree that appears after start-up, a directory at an
+event path, the per-slot timers of empty slots, bad event files, and the exit
+on a poll failure."""
 
+import os
 import re
 import resource
+import shutil
 import subprocess
 import time
 
-from conftest import (console_lines, daemon_binary, fd_infos, inotify_watch_counts, wait_in_main_loop, wait_until,
-                      write_once)
+from conftest import (console_lines, daemon_binary, fd_infos, inotify_watch_counts, read_text, wait_in_main_loop,
+                      wait_until, write_once)
 
 SCALE = 0.001
 EMPTY_POLL_PERIOD = 10 * SCALE  # seconds
@@ -64,7 +68,15 @@ def test_each_write_read_by_the_loop_is_one_wakeup(sandbox, daemon):
     assert received(handle, 6) == 5
 
 
-def test_event_file_created_after_start_up_never_wakes_the_loop(sandbox, daemon):
+def watching_line(sandbox, slot, name):
+    return f"[SLOT{slot}] event_watches.cpp:<N> Watching {sandbox.event(slot, name)}"
+
+
+def wait_line(handle, line):
+    wait_until(lambda: line in console_lines(handle), what=repr(line))
+
+
+def test_event_file_created_after_start_up_is_watched_and_read(sandbox, daemon):
     late = sandbox.event(2, "active")
     late.unlink()
     handle = daemon.start()
@@ -72,12 +84,85 @@ def test_event_file_created_after_start_up_never_wakes_the_loop(sandbox, daemon)
                and 5 in inotify_watch_counts(handle.pid),
                what="the watches, slot 2 without its active file")
     write_once(late, "1")
+    wait_line(handle, watching_line(sandbox, 2, "active"))
     write_once(late, "0")
-    # A write to a watched file of the same slot, after the late ones: once it
-    # is seen, any wake-up from the late file would have been seen before it.
-    write_once(sandbox.event(2, "verified"), "0")
     wait_received(handle, 2, 1)
-    assert received(handle, 2) == 1
+    assert console_lines(handle).count(watching_line(sandbox, 2, "active")) == 1
+
+
+def test_event_file_deleted_and_re_created_is_watched_again(sandbox, daemon):
+    handle = daemon.start()
+    wait_in_main_loop(handle)
+    path = sandbox.event(3, "verified")
+    path.unlink()
+    wait_received(handle, 3, 1)  # the end of the old file's watch
+    write_once(path, "0")
+    wait_line(handle, watching_line(sandbox, 3, "verified"))
+    write_once(path, "0")
+    wait_received(handle, 3, 2)
+    assert console_lines(handle).count(watching_line(sandbox, 3, "verified")) == 1
+
+
+def test_event_file_replaced_by_a_rename_is_watched_again_and_its_new_value_read(sandbox, daemon):
+    handle = daemon.start()
+    wait_in_main_loop(handle)
+    path = sandbox.event(5, "present")
+    temporary = path.with_name("lc5_present.new")
+    write_once(temporary, "1")
+    temporary.rename(path)  # the empty slot now reads a card: the change is read when the watch comes back
+    wait_line(handle, watching_line(sandbox, 5, "present"))
+    wait_line(handle, "[SLOT5] slot_model.cpp:<N> Event received")
+    before = received(handle, 5)
+    write_once(path, "1")
+    wait_received(handle, 5, before + 1)
+    assert console_lines(handle).count(watching_line(sandbox, 5, "present")) == 1
+
+
+def test_hardware_tree_created_after_start_up_is_found_and_its_cards_detected(sandbox, daemon):
+    tree = sandbox.path("var/run/hw-management")
+    shutil.rmtree(tree)
+    handle = daemon.start()
+    events = f"{sandbox.root}/var/run/hw-management/events/"
+    missing = f"event_watches.cpp:<N> WARN Directory {events} is missing, looking for it every supervision period"
+    wait_line(handle, missing)
+    sandbox.hwemu("create")
+    wait_line(handle, f"event_watches.cpp:<N> Directory {events} found, watching its event files")
+    sandbox.insert(3)
+    wait_line(handle, "[SLOT3] transitions_detect.cpp:<N> Transitioned from 0 to SLOT_PRESENT")
+    assert console_lines(handle).count(missing) == 1
+
+
+def cpu_seconds(pid):
+    fields = read_text(f"/proc/{pid}/stat").rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def test_directory_at_an_event_path_gives_one_err_line_and_no_spin(sandbox, daemon):
+    path = sandbox.event(6, "present")
+    path.unlink()
+    path.mkdir()
+    handle = daemon.start()
+    wait_in_main_loop_but_slot(handle)
+    err = f"[SLOT6] event_watches.cpp:<N> ERR {path} is a directory, not an event file"
+    wait_line(handle, err)
+    write_once(path / "inner", "1")  # a record with a name: it never fits the event-file read
+    used = cpu_seconds(handle.pid)
+    time.sleep(0.5)
+    assert cpu_seconds(handle.pid) - used < 0.1
+    assert received(handle, 6) <= 1
+    assert console_lines(handle).count(err) == 1
+
+    (path / "inner").unlink()
+    path.rmdir()
+    write_once(path, "0")
+    wait_line(handle, watching_line(sandbox, 6, "present"))
+    write_once(path, "0")
+    wait_received(handle, 6, 1)
+
+
+def wait_in_main_loop_but_slot(handle):
+    wait_until(lambda: inotify_watch_counts(handle.pid).count(6) == 7
+               and 5 in inotify_watch_counts(handle.pid), what="the watches, one slot short of one")
 
 
 def test_empty_slots_are_polled_every_ten_seconds_scaled_and_never_declared_stuck(sandbox, daemon):

@@ -7,7 +7,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -17,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "event_watches.h"
 #include "test_support.h"
 
 namespace {
@@ -172,17 +175,141 @@ TEST_F(EventLoopTest, MissingEventFoldersGiveNoWatchesAndNoCrash) {
     EXPECT_EQ(ready_now(fds), 0);
 }
 
-TEST_F(EventLoopTest, EventFileCreatedAfterStartupNeverWakesTheLoop) {
-    root_.remove("/var/run/hw-management/events/lc2_active");
+bool events_dir_ready(const struct pollfd *fds) { return fds[POLL_EVENTS_DIR_ENTRY].revents & POLLIN; }
+
+const std::string kEventDir = "/var/run/hw-management/events/";
+
+TEST_F(EventLoopTest, EventFileCreatedAfterStartupIsWatchedAndReRead) {
+    root_.remove(kEventDir + "lc2_active");
     ASSERT_TRUE(init_inotify_events());
+    EXPECT_EQ(g_wd_active[1], -1);
     root_.event(2, "active", "1");
+    struct pollfd fds[POLL_SET_SIZE];
+    ASSERT_EQ(ready_now(fds), 1);
+    EXPECT_TRUE(events_dir_ready(fds));
+    handle_poll_results(fds);
+    EXPECT_NE(g_wd_active[1], -1);
+    EXPECT_EQ(normalized_ring(2), (std::vector<std::string>{
+                                      slot_line(2, "INFO", "event_watches.cpp",
+                                                "Watching " + root_.at(kEventDir + "lc2_active") + "\n"),
+                                  }));
+    EXPECT_EQ(take_queue().size(), 1u);  // the files re-read once the watch is back
+    /* The new watch reports the next write. */
     root_.event(2, "active", "0");
+    ASSERT_EQ(ready_now(fds), 1);
+    EXPECT_TRUE(file_ready(fds, 2));
+}
+
+TEST_F(EventLoopTest, EventFileDeletedAndReCreatedIsWatchedAgain) {
+    ASSERT_TRUE(init_inotify_events());
+    int old_watch = g_wd_verified[2];
+    root_.remove(kEventDir + "lc3_verified");
+    run_pending_wakeups();  // the lost watch's record: read and forgotten
+    EXPECT_EQ(g_wd_verified[2], -1);
+    take_queue();
+    chmgr_test::clear_log_rings();
+    root_.event(3, "verified", "1");
+    run_pending_wakeups();
+    EXPECT_NE(g_wd_verified[2], -1);
+    EXPECT_NE(g_wd_verified[2], old_watch);
+    EXPECT_EQ(normalized_ring(3)[0],
+              slot_line(3, "INFO", "event_watches.cpp", "Watching " + root_.at(kEventDir + "lc3_verified") + "\n"));
+    EXPECT_EQ(take_queue().size(), 1u);
+}
+
+TEST_F(EventLoopTest, EventFileReplacedByARenameIsWatchedAgainOnce) {
+    ASSERT_TRUE(init_inotify_events());
+    int old_watch = g_wd_ready[4];
+    root_.write(kEventDir + "lc5_ready.tmp", "1");
+    ASSERT_EQ(rename(root_.at(kEventDir + "lc5_ready.tmp").c_str(), root_.at(kEventDir + "lc5_ready").c_str()), 0);
+    run_pending_wakeups();
+    EXPECT_NE(g_wd_ready[4], -1);
+    EXPECT_NE(g_wd_ready[4], old_watch);
+    int watching = 0;
+    for (const auto &line : normalized_ring(5)) watching += line.find("Watching ") != std::string::npos;
+    EXPECT_EQ(watching, 1);
+    take_queue();
+    root_.event(5, "ready", "0");  // written in place: the new file's watch reports it
+    struct pollfd fds[POLL_SET_SIZE];
+    ASSERT_EQ(ready_now(fds), 1);
+    EXPECT_TRUE(file_ready(fds, 5));
+}
+
+TEST_F(EventLoopTest, DirectoryAtAnEventPathGivesOneErrLineAndNoSpin) {
+    ASSERT_TRUE(init_inotify_events());
+    root_.remove(kEventDir + "lc6_synced");
+    run_pending_wakeups();
+    ASSERT_EQ(mkdir(root_.at(kEventDir + "lc6_synced").c_str(), 0755), 0);
+    run_pending_wakeups();
+    EXPECT_EQ(g_wd_synced[5], -1);
+    root_.write(kEventDir + "lc6_synced/inner", "1");  // would queue records with names
     struct pollfd fds[POLL_SET_SIZE];
     EXPECT_EQ(ready_now(fds), 0);
-    /* A file that existed at start-up does wake it. */
-    root_.event(2, "verified", "1");
-    EXPECT_EQ(ready_now(fds), 1);
-    EXPECT_TRUE(file_ready(fds, 2));
+    std::string err = slot_line(6, "ERR", "event_watches.cpp",
+                                root_.at(kEventDir + "lc6_synced") + " is a directory, not an event file\n");
+    int errs = 0;
+    for (const auto &line : normalized_ring(6)) errs += line == err;
+    EXPECT_EQ(errs, 1);
+
+    /* Replaced by a file, the path is watched again. */
+    root_.remove(kEventDir + "lc6_synced/inner");
+    ASSERT_EQ(rmdir(root_.at(kEventDir + "lc6_synced").c_str()), 0);
+    root_.event(6, "synced", "1");
+    run_pending_wakeups();
+    EXPECT_NE(g_wd_synced[5], -1);
+}
+
+TEST_F(EventLoopTest, DirectoryWatchedBeforeItsRecordsArriveIsDrainedWithOneErrLine) {
+    ASSERT_TRUE(init_inotify_events());
+    /* A watch placed on a directory (as on a path that became one between
+     * the check and the watch) queues records with names. */
+    ASSERT_EQ(mkdir(root_.at(kEventDir + "lc7_dir").c_str(), 0755), 0);
+    inotify_rm_watch(g_ifd[6], g_wd_powered[6]);
+    g_wd_powered[6] = inotify_add_watch(g_ifd[6], root_.at(kEventDir + "lc7_dir").c_str(), IN_CLOSE_WRITE);
+    run_pending_wakeups();
+    take_queue();
+    chmgr_test::clear_log_rings();
+    for (int i = 0; i < 3; ++i) root_.write(kEventDir + "lc7_dir/f" + std::to_string(i), "1");
+    for (int round = 0; round < 5; ++round) run_pending_wakeups();
+    EXPECT_EQ(g_wd_powered[6], -1);
+    std::vector<std::string> ring = normalized_ring(7);
+    ASSERT_GE(ring.size(), 2u);
+    EXPECT_EQ(ring[0], slot_line(7, "INFO", "event_loop.cpp", "Received event\n"));
+    EXPECT_EQ(ring[1], slot_line(7, "ERR", "event_watches.cpp",
+                                 root_.at(kEventDir + "lc7_powered") + " is a directory, not an event file\n"));
+    EXPECT_LE(ring.size(), 4u);
+    struct pollfd fds[POLL_SET_SIZE];
+    EXPECT_EQ(ready_now(fds), 0);
+}
+
+TEST_F(EventLoopTest, MissingEventsDirectoryIsLookedForEachSupervisionPeriod) {
+    for (int slot = 1; slot <= MAX_SLOTS_FOR_9600; ++slot)
+        for (const char *name : {"present", "verified", "synced", "powered", "active", "ready"})
+            root_.remove(kEventDir + "lc" + std::to_string(slot) + "_" + name);
+    rmdir(root_.at(kEventDir).c_str());
+    chmgr_test::clear_log_rings();
+    ASSERT_TRUE(init_inotify_events());
+    EXPECT_GE(events_dir_retry_timeout_ms(), 0);
+    retry_events_dir();
+    const std::string dir = root_.at(kEventDir);
+    const std::string warn = "[WARN]<T> event_watches.cpp:<N> Directory " + dir +
+                             " is missing, looking for it every supervision period\n";
+    EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{warn}));  // once, not per retry
+
+    root_.all_events("0");
+    root_.event(1, "present", "1");
+    auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
+    while (g_wd_present[0] == -1 && std::chrono::steady_clock::now() < deadline) {
+        struct pollfd none[1] = {{-1, 0, 0}};
+        poll(none, 1, events_dir_retry_timeout_ms());
+        retry_events_dir();
+    }
+    EXPECT_NE(g_wd_present[0], -1);
+    EXPECT_EQ(events_dir_retry_timeout_ms(), -1);
+    EXPECT_EQ(normalized_ring(0),
+              (std::vector<std::string>{warn, "[INFO]<T> event_watches.cpp:<N> Directory " + dir +
+                                                  " found, watching its event files\n"}));
+    EXPECT_EQ(take_queue().size(), (size_t)MAX_SLOTS_FOR_9600);  // every slot re-reads its files
 }
 
 // ---------------------------------------------------------------- file wake-ups
