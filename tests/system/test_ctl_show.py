@@ -164,3 +164,17 @@ def test_serial_with_a_control_byte_is_shown_as_a_question_mark(sandbox, daemon)
 
     assert wait_until(serial_shown, what="the serial number in the status document") == "SN?00004"
     assert json.loads(sandbox.read(DOCUMENT_RELPATH))["slot4"]["Serial No"] == "SN?00004"
+
+
+def test_debug_trigger_file_deleted_then_renamed_into_place_still_triggers(sandbox, daemon):
+    handle = start_listening(sandbox, daemon)
+    status_document(sandbox, handle, 255)
+    trigger = sandbox.path("etc/tarnel/debug_slot")
+    trigger.unlink()
+    temporary = trigger.with_name("debug_slot.new")
+    temporary.write_text("2\n")
+    temporary.rename(trigger)  # read as soon as it is watched again
+    document = sandbox.path(DOCUMENT_RELPATH)
+    wait_until(lambda: list(json.loads(document.read_text()))[2:] == ["slot2"], what="the document for slot 2")
+    assert console_lines(handle).count(f"debug_trigger.cpp:<N> Watching {trigger}") == 1
+    assert list(status_document(sandbox, handle, 5))[2:] == ["slot5"]

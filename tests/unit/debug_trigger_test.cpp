@@ -138,13 +138,60 @@ TEST_F(DebugTriggerTest, InitLogsAndWatchesTheTriggerFile) {
     EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{info("Initializing debug_thread\n")}));
 }
 
-TEST_F(DebugTriggerTest, WithoutTheTriggerFileThereIsNoWatchAndNoTrigger) {
+/* Serves every wake-up that comes within a short wait. */
+void serve_pending() {
+    while (true) {
+        int before = (int)normalized_ring(0).size();
+        ASSERT_TRUE(debug_trigger_serve_one(50));
+        if ((int)normalized_ring(0).size() == before) return;
+    }
+}
+
+TEST_F(DebugTriggerTest, TriggerFileCreatedAfterStartIsWatchedAndRead) {
     root.remove(kTrigger);
     debug_trigger_init();
     EXPECT_EQ(g_wd_debugcli, -1);
-    root.write(kTrigger, "3");
-    EXPECT_TRUE(debug_trigger_serve_one(0));
+    clear_log_rings();
+    std::string temporary = root.at(kTrigger) + ".new";
+    write_once(temporary, "3");
+    ASSERT_EQ(rename(temporary.c_str(), root.at(kTrigger).c_str()), 0);
+    serve_pending();
+    EXPECT_NE(g_wd_debugcli, -1);
+    EXPECT_EQ(slot_keys(root.read(kDocument)), (std::vector<std::string>{"slot3"}));  // read once watched
+    EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{
+                                      info("Watching " + root.at(kTrigger) + "\n"),
+                                      info("About to read " + root.at(kTrigger) + "\n"),
+                                      info("SLOT ID read = 3\n"),
+                                  }));
+    write_once(root.at(kTrigger), "2");
+    serve_pending();
+    EXPECT_EQ(slot_keys(root.read(kDocument)), (std::vector<std::string>{"slot2"}));
+}
+
+TEST_F(DebugTriggerTest, TriggerFileReplacedByARenameIsWatchedAgain) {
+    debug_trigger_init();
+    int old_watch = g_wd_debugcli;
+    std::string temporary = root.at(kTrigger) + ".new";
+    write_once(temporary, "4");
+    ASSERT_EQ(rename(temporary.c_str(), root.at(kTrigger).c_str()), 0);
+    serve_pending();
+    EXPECT_NE(g_wd_debugcli, -1);
+    EXPECT_NE(g_wd_debugcli, old_watch);
+    EXPECT_EQ(slot_keys(root.read(kDocument)), (std::vector<std::string>{"slot4"}));
+    write_once(root.at(kTrigger), "5");
+    serve_pending();
+    EXPECT_EQ(slot_keys(root.read(kDocument)), (std::vector<std::string>{"slot5"}));
+}
+
+TEST_F(DebugTriggerTest, TriggerFileCreatedEmptyIsWatchedWithoutAReport) {
+    root.remove(kTrigger);
+    debug_trigger_init();
+    clear_log_rings();
+    root.write(kTrigger, "");
+    serve_pending();
+    EXPECT_NE(g_wd_debugcli, -1);
     EXPECT_FALSE(root.exists(kDocument));
+    EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{info("Watching " + root.at(kTrigger) + "\n")}));
 }
 
 TEST_F(DebugTriggerTest, RemovedTriggerFileIsReportedAsUnreadable) {
