@@ -24,7 +24,7 @@ fd_infos(pid, kind)
 inotify_watch_counts(pid), in_main_loop(pid)
           watches per inotify instance of a process; whether the daemon has
           placed its slot watches (it does so right before its poll loop).
-wait_in_main_loop(handle, pid=None), wait_debug_trigger_watched(handle)
+wait_in_main_loop(handle, pid=None), wait_debug_trigger_watched(handle, root=None)
           wait until the daemon reaches its poll loop / until the debug
           thread watches the trigger file (before asking for a document).
 console_lines(handle, keepends=False)
@@ -594,7 +594,7 @@ def status_document(sandbox, daemon, slot=255, timeout=5.0):
     written before the debug thread watches the file would be missed, so the
     watch is awaited first.
     """
-    wait_debug_trigger_watched(daemon)
+    wait_debug_trigger_watched(daemon, sandbox.root)
     path = sandbox.path("etc/tarnel/cm_status.json")
     if path.exists():
         os.utime(path, ns=(0, 0))
@@ -667,11 +667,12 @@ def watches_inode(pid, path):
     return any(f" ino:{inode:x} " in info for info in fd_infos(pid, "anon_inode:inotify"))
 
 
-def wait_debug_trigger_watched(handle):
+def wait_debug_trigger_watched(handle, root=None):
     """The status document is rewritten through the debug trigger file, whose
     watch the debug thread places on its own schedule: wait until the file
-    now at the trigger path is watched before asking for a document."""
-    path = daemon_root(handle.pid) + "/etc/tarnel/debug_slot"
+    now at the trigger path is watched before asking for a document.  `root`
+    defaults to the process's CHMGR_ROOT."""
+    path = f"{root if root is not None else daemon_root(handle.pid)}/etc/tarnel/debug_slot"
     wait_until(lambda: watches_inode(handle.pid, path), what="the debug trigger's watch")
 
 
