@@ -133,7 +133,7 @@ bool receive_round(int listen_fd) {
     fds[0] = {listen_fd, POLLIN, 0};
     int held = ctl_conns_poll_set(&g_connections, fds + 1, index_of);
     int timeout = ctl_conns_poll_timeout(&g_connections, ctl_monotonic_ms());
-    if (poll(fds, (nfds_t)held + 1, timeout) < 0 && errno != EINTR) return true;
+    if (poll(fds, (nfds_t)held + 1, timeout) < 0) return true;  // nothing arrived: wait again
 
     int64_t now = ctl_monotonic_ms();
     for (int i = 0; i < held; ++i)
