@@ -72,7 +72,7 @@ bool send_ini_image(int slot_id, const iniInfo *p_ini_info) {
     memcpy(name, p_ini_info->ini_file_name, INI_FILE_NAME_SIZE);
     name[INI_FILE_NAME_SIZE] = '\0';
 
-    FileCloser image{fopen(name, "rb")};
+    FileCloser image{fopen(name, "rbe")};
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "INI File:%s\n", name);
     if (!image.file) {
         CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Unable to open ini file\n");
