@@ -343,9 +343,9 @@ extern eventWorkQue g_event_work_que;
 bool add_work_to_que(eventWork *work);
 eventWork *get_work_from_que(void);
 void *work_handler(void *arg);
-/* Turns of a slot's items handed out to workers and turns ended (items of one
- * slot start in queue order); for tests and diagnostics. */
-void work_queue_slot_turns(int slot_id, unsigned long *handed_out, unsigned long *ended);
+/* Items of a slot waiting for its running transition to return, and whether
+ * a worker is inside a transition of the slot; for tests and diagnostics. */
+void work_queue_slot_work(int slot_id, int *waiting, bool *running);
 
 extern int g_emul_flag;
 extern char version[];

@@ -1,16 +1,23 @@
 /*
  * The work queue and the worker pool.  Transitions may block for seconds
- * (SDK calls, shell commands, sleeps), so the main loop only queues
- * (slot, event) items; four workers pop them and run the event's transition
- * with the slot's mutex held.  The queue is a plain FIFO under one mutex and
- * one condition variable; exclusion comes from the slot mutex.  A worker never
- * holds the queue mutex and a slot mutex together.
+ * (SDK calls, shell commands, sleeps; the ready step a minute), so the main
+ * loop only queues (slot, event) items; four workers run them, each with the
+ * slot's mutex held around the event's transition.  The queue is a plain
+ * FIFO under one mutex and one condition variable.  A worker never holds the
+ * queue mutex and a slot mutex together.
  *
- * Items of one slot start in queue order.  Each item takes a turn number for
- * its slot as it leaves the queue and waits for that turn before it takes the
- * slot mutex.  A mutex alone hands over in any order: under load a later item
- * (a timer expiry) could overtake an earlier one, and an event decided while
- * the card was still in place could then run after its removal.
+ * A worker never waits for a busy slot.  While a transition of a slot runs,
+ * later items of that slot are moved, in queue order, to the slot's own
+ * waiting list; the worker that ends the slot's transition runs the next of
+ * them.  A free worker takes the oldest item of a slot in which no
+ * transition runs.  So items of one slot start strictly in queue order, one
+ * at a time, and four slots can be inside their transitions at once whatever
+ * else is queued.
+ *
+ * Why the oldest runnable item is found this way: items reach a slot's list
+ * only from the head of the queue, so they are older than anything still
+ * queued; and a slot's list is only ever non-empty while its transition
+ * runs, because the worker that ends it takes the list's next item at once.
  */
 #include <stdlib.h>
 
@@ -22,15 +29,14 @@ const eventMapFnTable *g_transition_table = g_event_map_fn_table;
 
 namespace {
 
-/* Turn numbers per slot; a leaf lock, taken inside the queue mutex when a
- * turn is handed out and on its own when a turn is awaited or ended. */
-struct SlotTurns {
-    unsigned long next_turn;
-    unsigned long current_turn;
+/* Per slot, guarded by the queue mutex. */
+struct SlotWork {
+    bool running;     // a worker is inside a transition of the slot
+    eventWork *head;  // oldest item waiting for that transition to return
+    eventWork *tail;
+    int waiting;
 };
-SlotTurns g_slot_turns[MAX_SLOTS_FOR_9600];
-pthread_mutex_t g_turn_mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t g_turn_cond = PTHREAD_COND_INITIALIZER;
+SlotWork g_slot_work[MAX_SLOTS_FOR_9600];
 
 /* Producers only build items for slots 1 to 8 and events 0 to 9; anything
  * else would index past the slot records or the event table. */
@@ -39,62 +45,83 @@ bool work_is_valid(const eventWork *work) {
            work->event < SLOT_EVENT_COUNT;
 }
 
-/* Called with the queue mutex held, so turns follow queue order. */
-unsigned long take_turn(const eventWork *work) {
-    if (!work_is_valid(work)) return 0;
-    pthread_mutex_lock(&g_turn_mutex);
-    unsigned long turn = g_slot_turns[work->slot_id - 1].next_turn++;
-    pthread_mutex_unlock(&g_turn_mutex);
-    return turn;
+void wait_behind_running(SlotWork *slot, eventWork *work) {
+    work->next = nullptr;
+    if (slot->head)
+        slot->tail->next = work;
+    else
+        slot->head = work;
+    slot->tail = work;
+    slot->waiting++;
 }
 
-void wait_for_turn(int slot_id, unsigned long turn) {
-    pthread_mutex_lock(&g_turn_mutex);
-    while (g_slot_turns[slot_id - 1].current_turn != turn) pthread_cond_wait(&g_turn_cond, &g_turn_mutex);
-    pthread_mutex_unlock(&g_turn_mutex);
+eventWork *next_waiting(SlotWork *slot) {
+    eventWork *work = slot->head;
+    if (!work) return nullptr;
+    slot->head = work->next;
+    slot->waiting--;
+    return work;
 }
 
-void end_turn(int slot_id) {
-    pthread_mutex_lock(&g_turn_mutex);
-    g_slot_turns[slot_id - 1].current_turn++;
-    pthread_cond_broadcast(&g_turn_cond);
-    pthread_mutex_unlock(&g_turn_mutex);
+/* Queue mutex held.  The item this worker runs next, or null when every
+ * queued item belongs to a busy slot.  `ended_slot` is the slot whose
+ * transition this worker has just ended (0 for none): its waiting items are
+ * the oldest of all, so the next of them comes first. */
+eventWork *take_runnable(int ended_slot) {
+    if (ended_slot) {
+        SlotWork *slot = &g_slot_work[ended_slot - 1];
+        if (eventWork *work = next_waiting(slot)) return work;  // the slot stays busy
+        slot->running = false;
+    }
+    while (eventWork *work = get_work_from_que()) {
+        if (!work_is_valid(work)) return work;  // dropped by run_work
+        SlotWork *slot = &g_slot_work[work->slot_id - 1];
+        if (slot->running) {
+            wait_behind_running(slot, work);
+            continue;
+        }
+        slot->running = true;
+        return work;
+    }
+    return nullptr;
 }
 
-eventWork *wait_for_work(unsigned long *turn) {
+eventWork *wait_for_work(int ended_slot) {
     eventWorkQue *que = &g_event_work_que;
     pthread_mutex_lock(&que->mutex);
     eventWork *work;
-    /* Broadcast wakes every idle worker; the ones that find nothing wait again. */
-    while (!(work = get_work_from_que())) pthread_cond_wait(&que->cond, &que->mutex);
+    /* Broadcast wakes every idle worker; the ones that find nothing to run wait again. */
+    while (!(work = take_runnable(ended_slot))) {
+        ended_slot = 0;
+        pthread_cond_wait(&que->cond, &que->mutex);
+    }
     que->work_in_que--;
     work->next = nullptr;
-    *turn = take_turn(work);
     pthread_mutex_unlock(&que->mutex);
     return work;
 }
 
-void run_work(const eventWork *work, unsigned long turn) {
+/* Returns the slot whose transition ran, 0 when the item was dropped. */
+int run_work(const eventWork *work) {
     if (!work_is_valid(work)) {
         CM_LOG(LOG_LEVEL_ERR, "Dropping work item for slot %d event %d\n", work->slot_id, (int)work->event);
-        return;
+        return 0;
     }
-    wait_for_turn(work->slot_id, turn);
     pthread_mutex_t *slot_mutex = &g_slots_info[work->slot_id - 1].mutex;
     pthread_mutex_lock(slot_mutex);
     g_transition_table[work->event].fn_transition(work->slot_id);  // the result is not used
     pthread_mutex_unlock(slot_mutex);
-    end_turn(work->slot_id);
+    return work->slot_id;
 }
 
 }  // namespace
 
-void work_queue_slot_turns(int slot_id, unsigned long *handed_out, unsigned long *ended) {
+void work_queue_slot_work(int slot_id, int *waiting, bool *running) {
     CM_ASSERT(slot_id >= 1 && slot_id <= MAX_SLOTS_FOR_9600);
-    pthread_mutex_lock(&g_turn_mutex);
-    *handed_out = g_slot_turns[slot_id - 1].next_turn;
-    *ended = g_slot_turns[slot_id - 1].current_turn;
-    pthread_mutex_unlock(&g_turn_mutex);
+    pthread_mutex_lock(&g_event_work_que.mutex);
+    *waiting = g_slot_work[slot_id - 1].waiting;
+    *running = g_slot_work[slot_id - 1].running;
+    pthread_mutex_unlock(&g_event_work_que.mutex);
 }
 
 bool add_work_to_que(eventWork *work) {
@@ -123,10 +150,10 @@ eventWork *get_work_from_que(void) {
 }
 
 void *work_handler(void *) {
+    int ended_slot = 0;
     for (;;) {
-        unsigned long turn = 0;
-        eventWork *work = wait_for_work(&turn);
-        run_work(work, turn);
+        eventWork *work = wait_for_work(ended_slot);
+        ended_slot = run_work(work);
         free(work);
     }
     return nullptr;

@@ -126,30 +126,36 @@ bool queue_is_empty() {
     return empty;
 }
 
-unsigned long turns_handed_out(int slot_id) {
-    unsigned long handed_out = 0, ended = 0;
-    work_queue_slot_turns(slot_id, &handed_out, &ended);
-    return handed_out;
+int waiting_in_slot(int slot_id) {
+    int waiting = 0;
+    bool running = false;
+    work_queue_slot_work(slot_id, &waiting, &running);
+    return waiting;
 }
 
-/* True once `count` more items of the slot have left the queue for a worker
- * than at `base`: those items hold their turn and wait for it. */
-bool wait_for_turns_handed_out(int slot_id, unsigned long base, unsigned long count) {
+bool slot_running(int slot_id) {
+    int waiting = 0;
+    bool running = false;
+    work_queue_slot_work(slot_id, &waiting, &running);
+    return running;
+}
+
+/* True once `count` items of the slot wait in its own list for its running
+ * transition to return (a free worker has moved them there). */
+bool wait_for_waiting_in_slot(int slot_id, int count) {
     auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
     while (std::chrono::steady_clock::now() < deadline) {
-        if (turns_handed_out(slot_id) - base >= count) return true;
+        if (waiting_in_slot(slot_id) == count) return true;
         std::this_thread::sleep_for(1ms);
     }
     return false;
 }
 
-/* True once every turn handed out for the slot has ended. */
-bool wait_for_turns_ended(int slot_id) {
+/* True once no worker is inside a transition of the slot. */
+bool wait_for_slot_idle(int slot_id) {
     auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
     while (std::chrono::steady_clock::now() < deadline) {
-        unsigned long handed_out = 0, ended = 0;
-        work_queue_slot_turns(slot_id, &handed_out, &ended);
-        if (handed_out == ended) return true;
+        if (!slot_running(slot_id)) return true;
         std::this_thread::sleep_for(1ms);
     }
     return false;
@@ -281,10 +287,10 @@ TEST_F(WorkerPoolTest, WorkerRunsTheEventTransitionWithTheSlotMutexHeld) {
     EXPECT_EQ(g_probe.finished[0].slot_id, 6);
     EXPECT_EQ(g_probe.finished[0].event, slot_ready_event);
     EXPECT_TRUE(g_probe.finished[0].slot_mutex_held);
-    /* The worker released the slot (its turn ends after the unlock) and took
-     * the item off the count. */
+    /* The worker released the slot (it is marked idle after the unlock) and
+     * took the item off the count. */
     ASSERT_TRUE(wait_for_queue_empty());
-    ASSERT_TRUE(wait_for_turns_ended(6));
+    ASSERT_TRUE(wait_for_slot_idle(6));
     EXPECT_EQ(pthread_mutex_trylock(&g_slots_info[5].mutex), 0);
     pthread_mutex_unlock(&g_slots_info[5].mutex);
 }
@@ -326,13 +332,12 @@ TEST_F(WorkerPoolTest, FiveItemsForFiveSlotsRunFourInParallelAndTheFifthWaitsFor
 
 TEST_F(WorkerPoolTest, SecondItemOfASlotStartsOnlyAfterTheFirstReturns) {
     g_probe.set_gate(2, false);
-    unsigned long base = turns_handed_out(2);
     queue_items({{2, slot_present_event}, {2, slot_timeout_event}});
     ASSERT_TRUE(g_probe.wait_until([] { return g_probe.started.size() == 1; }));
-    /* The second item has been taken by another worker, which now waits for
-     * its turn rather than running its transition. */
+    /* A free worker has moved the second item to the slot's own list, where it
+     * waits for the first transition to return. */
     ASSERT_TRUE(wait_for_queue_empty());
-    ASSERT_TRUE(wait_for_turns_handed_out(2, base, 2));
+    ASSERT_TRUE(wait_for_waiting_in_slot(2, 1));
     EXPECT_EQ(g_probe.started_count(), 1u);
 
     g_probe.set_gate(2, true);
@@ -344,15 +349,15 @@ TEST_F(WorkerPoolTest, SecondItemOfASlotStartsOnlyAfterTheFirstReturns) {
 }
 
 TEST_F(WorkerPoolTest, ItemsOfOneSlotStartInQueueOrderWhileTheyWaitForTheSlot) {
-    /* Three items wait behind a running one; however the waiting workers are
-     * woken, the items start in the order the main loop queued them. */
+    /* Three items wait behind a running one; they start in the order the main
+     * loop queued them. */
     for (int round = 0; round < 20; ++round) {
         g_probe.reset();
         g_probe.set_gate(3, false);
-        unsigned long base = turns_handed_out(3);
         queue_items({{3, slot_present_event}, {3, slot_verified_event}, {3, slot_powered_event},
                      {3, slot_timeout_event}});
-        ASSERT_TRUE(wait_for_turns_handed_out(3, base, 4));
+        ASSERT_TRUE(g_probe.wait_until([] { return g_probe.started.size() == 1; }));
+        ASSERT_TRUE(wait_for_waiting_in_slot(3, 3));
         g_probe.set_gate(3, true);
         ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 4; }));
         std::vector<int> order;
@@ -371,6 +376,144 @@ TEST_F(WorkerPoolTest, ItemsOfDifferentSlotsDoNotWaitForEachOther) {
     ASSERT_TRUE(g_probe.wait_until([] { return g_probe.started.size() == 2 && g_probe.finished.size() == 1; }));
     EXPECT_EQ(g_probe.finished[0].slot_id, 8);
     EXPECT_EQ(g_probe.running, 1);
+}
+
+/* The events of each slot, in the order their transitions started. */
+std::vector<std::vector<int>> started_events_per_slot() {
+    std::lock_guard<std::mutex> lock(g_probe.m);
+    std::vector<std::vector<int>> events(MAX_SLOTS_FOR_9600 + 1);
+    for (const Call &call : g_probe.started) events[call.slot_id].push_back(call.event);
+    return events;
+}
+
+TEST_F(WorkerPoolTest, AnIdleSlotsItemStartsAtOnceWhileItemsOfBusySlotsAreQueuedBeforeIt) {
+    for (int slot = 1; slot <= 4; ++slot) g_probe.set_gate(slot, false);
+    queue_items({{1, slot_ready_event}, {2, slot_ready_event}, {3, slot_ready_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 3; }));
+    /* Supervision expiries and repeated events of the three busy slots come
+     * first; no worker may sleep on them, so slot 4 starts on the free one. */
+    queue_items({{1, slot_timeout_event},
+                 {2, slot_timeout_event},
+                 {3, slot_timeout_event},
+                 {1, slot_no_event},
+                 {2, slot_no_event},
+                 {3, slot_no_event},
+                 {4, slot_ready_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 4; }));
+    EXPECT_EQ(g_probe.started_count(), 4u);
+    ASSERT_TRUE(wait_for_queue_empty());
+    for (int slot = 1; slot <= 3; ++slot) EXPECT_EQ(waiting_in_slot(slot), 2) << slot;
+    EXPECT_EQ(waiting_in_slot(4), 0);
+
+    for (int slot = 1; slot <= 4; ++slot) g_probe.set_gate(slot, true);
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 10; }));
+    std::vector<std::vector<int>> events = started_events_per_slot();
+    for (int slot = 1; slot <= 3; ++slot) {
+        EXPECT_EQ(events[slot], (std::vector<int>{slot_ready_event, slot_timeout_event, slot_no_event})) << slot;
+        EXPECT_EQ(g_probe.max_running_in_slot[slot], 1) << slot;
+    }
+    EXPECT_EQ(events[4], (std::vector<int>{slot_ready_event}));
+    EXPECT_EQ(g_probe.max_running, 4);
+}
+
+TEST_F(WorkerPoolTest, FourSlotsRunTheirTransitionsAtOnceWhateverIsQueuedBetweenThem) {
+    for (int slot = 1; slot <= 4; ++slot) g_probe.set_gate(slot, false);
+    queue_items({{1, slot_ready_event},
+                 {1, slot_timeout_event},
+                 {1, slot_ready_event},
+                 {2, slot_ready_event},
+                 {1, slot_no_event},
+                 {2, slot_timeout_event},
+                 {3, slot_ready_event},
+                 {2, slot_no_event},
+                 {3, slot_timeout_event},
+                 {4, slot_ready_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 4; }));
+    std::vector<std::vector<int>> events = started_events_per_slot();
+    for (int slot = 1; slot <= 4; ++slot) EXPECT_EQ(events[slot], (std::vector<int>{slot_ready_event})) << slot;
+    ASSERT_TRUE(wait_for_queue_empty());
+    EXPECT_EQ(waiting_in_slot(1), 3);
+    EXPECT_EQ(waiting_in_slot(2), 2);
+    EXPECT_EQ(waiting_in_slot(3), 1);
+    pthread_mutex_lock(&g_event_work_que.mutex);
+    EXPECT_EQ(g_event_work_que.work_in_que, 6);  // waiting items still count as queued
+    pthread_mutex_unlock(&g_event_work_que.mutex);
+
+    for (int slot = 1; slot <= 4; ++slot) g_probe.set_gate(slot, true);
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 10; }));
+    events = started_events_per_slot();
+    EXPECT_EQ(events[1], (std::vector<int>{slot_ready_event, slot_timeout_event, slot_ready_event, slot_no_event}));
+    EXPECT_EQ(events[2], (std::vector<int>{slot_ready_event, slot_timeout_event, slot_no_event}));
+    EXPECT_EQ(events[3], (std::vector<int>{slot_ready_event, slot_timeout_event}));
+    pthread_mutex_lock(&g_event_work_que.mutex);
+    EXPECT_EQ(g_event_work_que.work_in_que, 0);
+    pthread_mutex_unlock(&g_event_work_que.mutex);
+}
+
+TEST_F(WorkerPoolTest, AFreedWorkerTakesTheOldestItemOfASlotThatIsNotBusy) {
+    for (int slot = 1; slot <= 4; ++slot) g_probe.set_gate(slot, false);
+    queue_items({{1, slot_ready_event}, {2, slot_ready_event}, {3, slot_ready_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 3; }));
+    queue_items({{1, slot_timeout_event}, {1, slot_no_event}});
+    ASSERT_TRUE(wait_for_waiting_in_slot(1, 2));
+    queue_items({{4, slot_ready_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 4; }));
+    /* Every worker is busy: these stay in the queue, newer than slot 1's two. */
+    queue_items({{5, slot_present_event}, {2, slot_timeout_event}, {6, slot_present_event}});
+
+    g_probe.set_gate(1, true);  // one worker comes free; slots 2 to 4 stay busy
+    /* That worker runs slot 1's two waiting items (the oldest), then slot 5;
+     * slot 2's expiry waits for slot 2, and slot 6, after it in the queue,
+     * runs on the same worker. */
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 5; }));
+    std::vector<std::pair<int, int>> order;
+    {
+        std::lock_guard<std::mutex> lock(g_probe.m);
+        for (size_t i = 3; i < g_probe.started.size(); ++i)
+            order.push_back({g_probe.started[i].slot_id, g_probe.started[i].event});
+    }
+    EXPECT_EQ(order, (std::vector<std::pair<int, int>>{{4, slot_ready_event},
+                                                       {1, slot_timeout_event},
+                                                       {1, slot_no_event},
+                                                       {5, slot_present_event},
+                                                       {6, slot_present_event}}));
+    EXPECT_EQ(waiting_in_slot(2), 1);
+    EXPECT_EQ(g_probe.running, 3);
+}
+
+TEST_F(WorkerPoolTest, EveryItemRunsOnceAndInItsSlotsOrderUnderABurstForAllSlots) {
+    /* A burst from several producers at once, as the main loop and the
+     * control thread would give; the transitions return at once. */
+    constexpr int kProducers = 4;
+    constexpr int kItemsPerProducer = 300;
+    std::vector<std::vector<int>> queued(MAX_SLOTS_FOR_9600 + 1);
+    std::mutex queued_mutex;
+    std::vector<std::thread> producers;
+    for (int producer = 0; producer < kProducers; ++producer) {
+        producers.emplace_back([producer, &queued, &queued_mutex] {
+            unsigned seed = 12345u + producer;
+            for (int i = 0; i < kItemsPerProducer; ++i) {
+                seed = seed * 1103515245u + 12345u;
+                int slot = 1 + (int)((seed >> 16) % MAX_SLOTS_FOR_9600);
+                slotEvent event = (slotEvent)((seed >> 8) % SLOT_EVENT_COUNT);
+                /* Recording and queueing under one lock keeps the recorded
+                 * order the queue's order. */
+                std::lock_guard<std::mutex> lock(queued_mutex);
+                queued[slot].push_back(event);
+                queue_items({{slot, event}});
+            }
+        });
+    }
+    for (std::thread &producer : producers) producer.join();
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == kProducers * kItemsPerProducer; }));
+    EXPECT_EQ(started_events_per_slot(), queued);
+    for (int slot = 1; slot <= MAX_SLOTS_FOR_9600; ++slot) EXPECT_EQ(g_probe.max_running_in_slot[slot], 1) << slot;
+    EXPECT_LE(g_probe.max_running, WORKER_THREAD_COUNT);
+    ASSERT_TRUE(wait_for_queue_empty());
+    for (int slot = 1; slot <= MAX_SLOTS_FOR_9600; ++slot) {
+        ASSERT_TRUE(wait_for_slot_idle(slot)) << slot;
+        EXPECT_EQ(waiting_in_slot(slot), 0) << slot;
+    }
 }
 
 TEST_F(WorkerPoolTest, ItemForASlotOutOfRangeIsDroppedWithALine) {
