@@ -29,6 +29,9 @@ wait_in_main_loop(handle, pid=None), wait_debug_trigger_watched(handle, root=Non
           thread watches the trigger file (before asking for a document).
 console_lines(handle, keepends=False)
           the daemon's console lines with ".cpp:<line> " made ".cpp:<N> ".
+console_records(handle)
+          the console cut into the texts of single log calls (a message
+          without a line feed is continued by the next writer, any thread).
 CTL_HEADER, ctl_request(cmd, slot, seq=1, card_type=0, length=24)
           the 24-byte control header (cmd, len, seq, slot_no, status,
           card_type) and a packed request.
@@ -685,6 +688,23 @@ CONSOLE_LINE_NUMBER = re.compile(r"(\.cpp):\d+ ")
 def console_lines(handle, keepends=False):
     """Console lines with line numbers replaced by <N>."""
     return [CONSOLE_LINE_NUMBER.sub(r"\1:<N> ", line) for line in handle.console().splitlines(keepends=keepends)]
+
+
+# Where one log call's console text starts: the optional slot tag, then "file.cpp:123 ".
+CONSOLE_RECORD_START = re.compile(r"(?:\[SLOT\d\] )?[a-z_]+\.cpp:\d+ ")
+
+
+def console_records(handle):
+    """The console cut into the texts of single log calls, line numbers
+    replaced by <N>, each with its line feed when it has one.
+
+    A few messages end without a line feed, so whatever is written next -
+    by any thread - continues their console line; cut at each log call's
+    prefix instead, such a message is its own exact bytes."""
+    text = handle.console()
+    starts = [match.start() for match in CONSOLE_RECORD_START.finditer(text)]
+    bounds = zip(starts, starts[1:] + [len(text)])
+    return [CONSOLE_LINE_NUMBER.sub(r"\1:<N> ", text[start:end], count=1) for start, end in bounds]
 
 
 # ---------------------------------------------------------------- control socket

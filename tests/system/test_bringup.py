@@ -9,12 +9,13 @@ removal takes it back."""
 
 import re
 
-from conftest import status_document, wait_until, write_once
+from conftest import status_document, timeout_factor, wait_until, write_once
 
 SCALE = 0.001
 LINE_NO = re.compile(r"(\.(?:cpp|c|h)):\d+ ")
 TRANSITION = re.compile(r"^\[SLOT(\d)\] [a-z_]+\.cpp:<N> (Transitioned .*)$")
 CONF = "etc/tarnel/cards.conf"
+SLOT_SYNCED = 0x04
 NEW_CARD_PATH = ["Transitioned from 0 to SLOT_PRESENT",
                  "Transitioned from 1 to SLOT_VERIFIED",
                  "Transitioned from 3 to SLOT_POWERED",
@@ -33,13 +34,32 @@ def console_lines(handle):
 
 
 def transitions(handle, slot):
-    """The slot's "Transitioned ..." messages, in order."""
+    """The slot's "Transitioned ..." messages that change its state, in order.
+
+    Left out: the no-valid transition, which only logs (an event file of the
+    slot changed while another was awaited), and a synced transition for a
+    slot already synced, which logs its line too.  The main loop decides
+    events from the files as they read at wake-up, so whether such repeats
+    occur depends on timing (a file event and a timer expiry for the same
+    change, or a file written just before the slot awaited it)."""
     found = []
     for line in console_lines(handle):
         match = TRANSITION.match(line.rstrip("\n"))
-        if match and int(match[1]) == slot:
+        if match and int(match[1]) == slot and not changes_nothing(match[2]):
             found.append(match[2])
     return found
+
+
+def changes_nothing(step):
+    if step.endswith(" to no_valid_transition"):
+        return True
+    synced = re.fullmatch(r"Transitioned from (\d+) to SLOT_SYNCED", step)
+    return bool(synced) and int(synced[1]) & SLOT_SYNCED != 0
+
+
+def from_main_loop(line):
+    """A line the main loop writes for a wake-up (its own thread)."""
+    return re.match(r"^(\[SLOT\d\] )?(event_loop|slot_model|event_watches)\.cpp:<N> ", line) is not None
 
 
 def distinct_steps(steps):
@@ -176,8 +196,11 @@ def test_removal_clears_all_but_synced_and_records_the_slot(sandbox, daemon):
 
 def test_two_cards_inserted_together_share_one_reload(sandbox, daemon):
     # Slot 5's hardware is not played at first: its card stays short of
-    # SYNCED, so slot 3 must wait for it.
-    handle, _ = start_chassis(sandbox, daemon, emulate="3")
+    # SYNCED, so slot 3 must wait for it.  Slot 5 is supervised meanwhile and
+    # declared stuck (leaving the rendezvous) after 240 periods: a slower
+    # clock keeps that well beyond the time this test takes to start the
+    # emulator for it on a loaded machine.
+    handle, _ = start_chassis(sandbox, daemon, emulate="3", scale=0.02 * timeout_factor())
     card_ready(sandbox, 3, 5)
     sandbox.insert(5, pn="KTR9600-C4", sn="SN5")
     wait_until(lambda: "Transitioned from 1 to SLOT_VERIFIED" in "".join(
@@ -192,7 +215,7 @@ def test_two_cards_inserted_together_share_one_reload(sandbox, daemon):
     # Now slot 5's hardware answers: its power comes on and it syncs.
     sandbox.start_emulator("--slots", "5")
     write_once(sandbox.event(5, "powered"), "1")
-    wait_online(sandbox, handle, 3, 5)
+    wait_online(sandbox, handle, 3, 5, timeout=20)
 
     assert len(portd_reloads(sandbox)) == 1
     assert len(envd_reloads(sandbox)) == 2
@@ -354,10 +377,12 @@ def test_gearbox_exit_code_2_is_logged_then_update_done(sandbox, daemon):
 
     command = " ".join((str(sandbox.gearbox),) + gearbox_args(sandbox, 3))
     lines = console_lines(handle)
-    error = lines.index(f"shell_command.cpp:<N> ERR process {command} exited with 2 error code\n")
+    updating = lines.index("[SLOT3] transitions_ready.cpp:<N> Updating gearbox\n")
     done = lines.index("[SLOT3] transitions_ready.cpp:<N> gearbox update done\n")
-    assert lines[error - 1] == "[SLOT3] transitions_ready.cpp:<N> Updating gearbox\n"
-    assert error < done
+    # Between the two, the ready step itself logs only the tool's exit code;
+    # the main loop may log wake-ups of the slot meanwhile.
+    assert [line for line in lines[updating + 1:done] if not from_main_loop(line)] == \
+        [f"shell_command.cpp:<N> ERR process {command} exited with 2 error code\n"]
 
 
 def test_failing_echo_skips_the_led_state_command(sandbox, daemon):

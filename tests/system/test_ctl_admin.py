@@ -1,7 +1,7 @@
 """Line-card administration over the control socket, against the running
 daemon, with cards brought up by the hardware emulator."""
 
-from conftest import CTL_HEADER, console_lines, ctl_exchange, ctl_request, padded, start_listening, wait_until
+from conftest import CTL_HEADER, console_lines, console_records, ctl_exchange, ctl_request, padded, start_listening, wait_until
 
 CONF_RELPATH = "etc/tarnel/cards.conf"
 FAILURE = 0xFFFFFFF0  # -16
@@ -66,8 +66,14 @@ def test_pre_provision_of_card_type_2_is_refused(sandbox, daemon):
     status, text = command(sandbox, PRE_PROVISION_ENABLE, 3, card_type=2)
     assert status == FAILURE
     assert text == padded(b"Attempting to pre-provision unsupported card type")
-    assert ("[SLOT3] ctl_admin.cpp:<N> ERR Attempting to pre-provision unsupported card type, "
-            "requested type = 2ctl_admin.cpp:<N> sending response to client") in console_lines(handle)
+    # The refusal has no line feed: the control thread's reply line follows it
+    # on the same console line, unless another thread writes in between.
+    records = console_records(handle)
+    refusal = ("[SLOT3] ctl_admin.cpp:<N> ERR Attempting to pre-provision unsupported card type, "
+               "requested type = 2")
+    reply = "ctl_admin.cpp:<N> sending response to client\n"
+    assert refusal in records
+    assert reply in records[records.index(refusal) + 1:]
 
 
 def test_powered_enabled_slot_is_refused_until_disabled(sandbox, daemon):
