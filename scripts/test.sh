@@ -32,6 +32,11 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCHMGR_WERROR
 echo "== building"
 cmake --build "$build" -j"$(nproc)"
 
+# Sanitized builds run several times slower: every wait of the tests is scaled.
+if [ "$sanitize" != none ]; then
+    export CHMGR_TEST_TIMEOUT_FACTOR="${CHMGR_TEST_TIMEOUT_FACTOR:-5}"
+fi
+
 export ASAN_OPTIONS=detect_leaks=0:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:allocator_may_return_null=1

@@ -65,7 +65,9 @@ CHMGR_BUILD_DIR             directory holding the `chassis-mgr` binary
                             the daemon are skipped; when it is set, a missing
                             binary is an error.
 CHMGR_TEST_TIMEOUT_FACTOR   multiplies every time-out of the helpers
-                            (default 1; e.g. 5 for sanitizer builds).
+                            (default 1; e.g. 5 for sanitizer builds); the
+                            time-outs are also multiplied by the machine's
+                            load per CPU when it is above 1.
 
 No test sleeps to let something happen: it waits for a condition with a
 bounded poll, and fails with what it waited for and the last value seen.
@@ -100,12 +102,24 @@ SOCKET_RELPATH = "run/chassismgr/chassismgr"
 MAX_SOCKET_PATH = 107
 
 
+def load_factor():
+    """How oversubscribed the machine is now: the 1-minute load average per
+    CPU, at least 1.  On a machine busy with other builds and tests every
+    step of the daemon, the emulator and the stand-ins takes that much longer."""
+    try:
+        return max(1.0, os.getloadavg()[0] / (os.cpu_count() or 1))
+    except OSError:
+        return 1.0
+
+
 def timeout_factor():
+    """CHMGR_TEST_TIMEOUT_FACTOR (default 1; e.g. 5 for sanitizer builds)
+    times the machine's current load factor."""
     try:
         factor = float(os.environ.get("CHMGR_TEST_TIMEOUT_FACTOR", "1"))
     except ValueError:
         factor = 1.0
-    return factor if factor > 0 else 1.0
+    return (factor if factor > 0 else 1.0) * load_factor()
 
 
 def wait_until(predicate, timeout=5.0, interval=0.005, what="condition"):
@@ -116,7 +130,8 @@ def wait_until(predicate, timeout=5.0, interval=0.005, what="condition"):
     JSON) counts as "not yet".  On time-out the test fails with `what` and
     the last value (or exception) observed.
     """
-    deadline = time.monotonic() + timeout * timeout_factor()
+    limit = timeout * timeout_factor()
+    deadline = time.monotonic() + limit
     last = None
     while True:
         try:
@@ -126,7 +141,7 @@ def wait_until(predicate, timeout=5.0, interval=0.005, what="condition"):
         except (OSError, ValueError) as err:
             last = err
         if time.monotonic() >= deadline:
-            pytest.fail(f"timed out after {timeout * timeout_factor():g} s waiting for {what}; "
+            pytest.fail(f"timed out after {limit:g} s waiting for {what}; "
                         f"last value: {last!r}", pytrace=False)
         time.sleep(interval)
 

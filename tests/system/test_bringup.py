@@ -200,7 +200,7 @@ def test_two_cards_inserted_together_share_one_reload(sandbox, daemon):
     # declared stuck (leaving the rendezvous) after 240 periods: a slower
     # clock keeps that well beyond the time this test takes to start the
     # emulator for it on a loaded machine.
-    handle, _ = start_chassis(sandbox, daemon, emulate="3", scale=0.02 * timeout_factor())
+    handle, _ = start_chassis(sandbox, daemon, emulate="3", scale=min(0.1, 0.02 * timeout_factor()))
     card_ready(sandbox, 3, 5)
     sandbox.insert(5, pn="KTR9600-C4", sn="SN5")
     wait_until(lambda: "Transitioned from 1 to SLOT_VERIFIED" in "".join(

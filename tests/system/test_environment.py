@@ -4,6 +4,8 @@ import subprocess
 
 import pytest
 
+from conftest import timeout_factor
+
 BUILD_DIR = os.environ.get("CHMGR_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..", "..", "build"))
 DAEMON = os.path.join(BUILD_DIR, "chassis-mgr")
 
@@ -11,7 +13,8 @@ DAEMON = os.path.join(BUILD_DIR, "chassis-mgr")
 def run_daemon(env_overrides):
     env = {k: v for k, v in os.environ.items() if not k.startswith("CHMGR_")}
     env.update(env_overrides)
-    return subprocess.run([DAEMON], env=env, capture_output=True, text=True, timeout=10)
+    return subprocess.run([DAEMON], env=env, capture_output=True, text=True,
+                          timeout=10 * timeout_factor())
 
 
 @pytest.mark.parametrize("root", ["/tmp/a b", "/tmp/x;touch y", "/tmp/$(id)", "/tmp/a|b", "relative/root"])

@@ -11,8 +11,8 @@ import shutil
 import subprocess
 import time
 
-from conftest import (console_lines, daemon_binary, fd_infos, inotify_watch_counts, read_text, wait_in_main_loop,
-                      wait_until, write_once)
+from conftest import (console_lines, daemon_binary, fd_infos, inotify_watch_counts, read_text, timeout_factor,
+                      wait_in_main_loop, wait_until, write_once)
 
 SCALE = 0.001
 EMPTY_POLL_PERIOD = 10 * SCALE  # seconds
@@ -207,7 +207,7 @@ def test_poll_failure_logs_and_exits_with_status_1(sandbox):
     # A thread sanitizer build would report the threads left running by exit().
     env = dict(sandbox.env, CHMGR_TIME_SCALE=str(SCALE), TSAN_OPTIONS="report_thread_leaks=0")
     result = subprocess.run([str(daemon_binary())], env=env, cwd=sandbox.base, capture_output=True,
-                            text=True, stdin=subprocess.DEVNULL, timeout=30, check=False,
+                            text=True, stdin=subprocess.DEVNULL, timeout=30 * timeout_factor(), check=False,
                             preexec_fn=few_descriptors)
     assert result.returncode == 1
     # Other threads may still log while the process exits.

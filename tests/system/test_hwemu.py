@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import HWEMU, wait_until
+from conftest import HWEMU, timeout_factor, wait_until
 
 EVENTS = ("present", "verified", "synced", "powered", "active", "ready")
 HW = "var/run/hw-management"
@@ -510,6 +510,6 @@ def test_run_stops_cleanly_on_sigint(sandbox):
                             stdout=subprocess.PIPE, text=True, env=sandbox.env)
     assert proc.stdout.readline().startswith("hwemu: running")
     proc.send_signal(2)
-    out, _ = proc.communicate(timeout=10)
+    out, _ = proc.communicate(timeout=10 * timeout_factor())
     assert proc.returncode == 0
     assert out == "hwemu: stopped\n"

@@ -32,6 +32,7 @@ const std::string kPacketLine = "[INFO]<T> ctl_socket.cpp:<N> Received CTL packe
 const std::string kSplitLine = "[INFO]<T> ctl_socket.cpp:<N> We have TCP packets that are split\n";
 
 bool wait_for(const std::function<bool()> &condition, int timeout_ms = 5000) {
+    timeout_ms = (int)chmgr_test::wait_limit(std::chrono::milliseconds(timeout_ms)).count();
     for (int waited = 0; waited < timeout_ms; ++waited) {
         if (condition()) return true;
         struct timespec ms = {0, 1000000};

@@ -24,7 +24,7 @@ namespace {
 
 const char *const kTrigger = "/etc/tarnel/debug_slot";
 const char *const kDocument = "/etc/tarnel/cm_status.json";
-constexpr int kWaitMs = 5000;
+const int kWaitMs = (int)chmgr_test::wait_limit(std::chrono::milliseconds(5000)).count();
 
 /* One open-write-close: the watch sees one IN_CLOSE_WRITE. */
 void write_once(const std::string &path, const std::string &text) {

@@ -29,7 +29,7 @@ using chmgr_test::SandboxRoot;
 using Item = std::pair<int, int>;  // (slot, event)
 
 constexpr int kPollStepMs = 100;
-constexpr auto kWaitLimit = std::chrono::seconds(10);
+const auto kWaitLimit = chmgr_test::wait_limit(std::chrono::seconds(10));
 
 std::vector<Item> take_queue() {
     std::vector<Item> items;

@@ -16,6 +16,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -191,6 +192,23 @@ inline void reset_slots() {
         slot_uptime_set(i + 1, &zero);
     }
     g_log_level = LOG_LEVEL_INFO;
+}
+
+/* Bounds on the tests' waits are multiplied by CHMGR_TEST_TIMEOUT_FACTOR when
+ * it is set (slow builds such as the sanitizers'), and by the machine's
+ * current 1-minute load average per CPU when that is above 1. */
+inline double timeout_factor() {
+    const char *text = getenv("CHMGR_TEST_TIMEOUT_FACTOR");
+    double factor = text ? strtod(text, nullptr) : 1.0;
+    if (!(factor > 0)) factor = 1.0;
+    double load = 0;
+    long cpus = sysconf(_SC_NPROCESSORS_ONLN);
+    if (getloadavg(&load, 1) == 1 && cpus > 0 && load / cpus > 1) factor *= load / cpus;
+    return factor;
+}
+
+inline std::chrono::milliseconds wait_limit(std::chrono::milliseconds base) {
+    return std::chrono::milliseconds((long long)(base.count() * timeout_factor()));
 }
 
 }  // namespace chmgr_test

@@ -25,7 +25,7 @@ namespace {
 using namespace std::chrono_literals;
 using chmgr_test::normalized_ring;
 
-constexpr auto kWaitLimit = 10s;
+const auto kWaitLimit = chmgr_test::wait_limit(10s);
 
 struct Call {
     int slot_id;
