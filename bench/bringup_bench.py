@@ -20,7 +20,10 @@ The ratio measured / mandated shows what the daemon, the emulator and the
 stand-ins add on top (event delivery, supervision timer steps of 1 s that a
 file written ahead of time needs, the reload of portd, process start-ups).
 
-Usage: bench/bringup_bench.py [--build-dir DIR] [--scale 0.01] [--runs 5]
+Usage: bench/bringup_bench.py [--build-dir DIR]... [--scale 0.01] [--runs 5]
+
+With several --build-dir options the binaries are measured side by side in
+one run, their runs alternating, so that each sees the same machine load.
 """
 
 import argparse
@@ -126,27 +129,45 @@ def one_run(binary, scale, slots, timeout):
         shutil.rmtree(base, ignore_errors=True)
 
 
+def binary_of(build_dir):
+    binary = Path(build_dir).resolve() / "chassis-mgr"
+    return binary if os.access(binary, os.X_OK) else None
+
+
 def main(argv):
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--build-dir", help="directory of the chassis-mgr binary (default $CHMGR_BUILD_DIR, build/)")
+    parser.add_argument("--build-dir", action="append",
+                        help="directory of a chassis-mgr binary; repeat to compare builds "
+                             "(default $CHMGR_BUILD_DIR, build/)")
     parser.add_argument("--scale", type=float, default=0.01, help="clock factor (default 0.01)")
     parser.add_argument("--runs", type=int, default=5, help="runs per case (default 5)")
     parser.add_argument("--timeout", type=float, default=120.0, help="seconds per run before giving up")
     args = parser.parse_args(argv)
-    build_dir = Path(args.build_dir or os.environ.get("CHMGR_BUILD_DIR") or REPO / "build").resolve()
-    binary = build_dir / "chassis-mgr"
-    if not os.access(binary, os.X_OK):
-        print(f"bringup_bench: {binary} not found (build first or give --build-dir)", file=sys.stderr)
-        return 2
+    build_dirs = args.build_dir or [os.environ.get("CHMGR_BUILD_DIR") or REPO / "build"]
+    binaries = []
+    for build_dir in build_dirs:
+        binary = binary_of(build_dir)
+        if binary is None:
+            print(f"bringup_bench: no chassis-mgr in {build_dir} (build first or give --build-dir)",
+                  file=sys.stderr)
+            return 2
+        binaries.append(binary)
 
-    print(f"chassis-mgr bring-up, clock factor {args.scale:g}, {args.runs} runs per case ({binary})")
-    print(f"{'case':<12} {'mandated':>10} {'min':>10} {'median':>10} {'max':>10} {'ratio(median)':>14}")
+    print(f"chassis-mgr bring-up, clock factor {args.scale:g}, {args.runs} runs per case")
+    for index, binary in enumerate(binaries):
+        print(f"  [{index}] {binary}")
+    print(f"{'case':<12} {'binary':>6} {'mandated':>10} {'min':>10} {'median':>10} {'max':>10} "
+          f"{'ratio(median)':>14}")
     for name, slots in (("one card", [3]), ("eight cards", list(range(1, 9)))):
-        times = [one_run(binary, args.scale, slots, args.timeout) for _ in range(args.runs)]
+        times = [[] for _ in binaries]
+        for _ in range(args.runs):
+            for index, binary in enumerate(binaries):
+                times[index].append(one_run(binary, args.scale, slots, args.timeout))
         mandated = mandated_seconds(len(slots)) * args.scale
-        median = statistics.median(times)
-        print(f"{name:<12} {mandated:>9.3f}s {min(times):>9.3f}s {median:>9.3f}s {max(times):>9.3f}s "
-              f"{median / mandated:>14.2f}")
+        for index, runs in enumerate(times):
+            median = statistics.median(runs)
+            print(f"{name:<12} {'[' + str(index) + ']':>6} {mandated:>9.3f}s {min(runs):>9.3f}s {median:>9.3f}s "
+                  f"{max(runs):>9.3f}s {median / mandated:>14.2f}")
     return 0
 
 
