@@ -62,9 +62,11 @@ void enable_slot(int slot_id) {
 /* A disabled card is not coming up: it awaits nothing (so the supervision
  * does not declare it stuck) and does not hold the portd reload of others.
  * A slot already parked in the rendezvous stays there, its ports are part
- * of the batch; the reload then leaves it waiting for nothing.  Called with
- * g_cards_conf_mutex held, which guards the rendezvous. */
+ * of the batch; the reload then leaves it waiting for nothing.  An empty
+ * slot goes on awaiting a card.  Called with g_cards_conf_mutex held, which
+ * guards the rendezvous. */
 void stop_bring_up(slotInfo *slot) {
+    if (!slot_has_card(slot)) return;
     if (slot->trans_timer.state_monitored == slot_wait_reload_portd && slot->in_transition_reload_portd) return;
     slot->in_transition_reload_portd = 0;
     slot->trans_timer.state_monitored = slot_empty_event;

@@ -662,6 +662,13 @@ TEST_F(CtlAdminTest, DisableStopsSupervisionAndReleasesTheReloadHold) {
     EXPECT_EQ(slot->trans_timer.transition_timer_hits, 0);
 }
 
+TEST_F(CtlAdminTest, DisabledEmptySlotStillAwaitsACard) {
+    g_slots_info[3].trans_timer.state_monitored = slot_present_event;
+    put_request(LINECARD_DISABLE, 4);
+    run(ctl_linecard_disable);
+    EXPECT_EQ(g_slots_info[3].trans_timer.state_monitored, slot_present_event);
+}
+
 TEST_F(CtlAdminTest, DisableLeavesAParkedSlotInItsBatch) {
     slotInfo *slot = &g_slots_info[3];
     slot->current_state = SLOT_PRESENT | SLOT_VERIFIED | SLOT_POWERED | SLOT_SYNCED;
