@@ -37,14 +37,16 @@ def main(argv):
     base = Path(tempfile.mkdtemp(prefix="chm-storm-", dir="/tmp"))
     times = collections.defaultdict(list)
     last = [time.monotonic()]
+    started_at = [time.monotonic()]
 
     def record(line):
         now = time.monotonic()
         kind = line.split(": ", 1)[1].split()[0]
         times[kind].append(now - last[0])
         last[0] = now
-        if len(sum(times.values(), [])) % 500 == 0:
-            print(f"  {line}", flush=True)
+        done = sum(len(v) for v in times.values())
+        if done % 500 == 0:
+            print(f"  {line} ({done / (now - started_at[0]):.2f} steps/s)", flush=True)
 
     chassis = Chassis(base, binary, factor=args.factor)
     storm = Storm(chassis, seed, log=record)
@@ -54,11 +56,13 @@ def main(argv):
     try:
         chassis.start()
         last[0] = time.monotonic()
-        started = last[0]
+        started = started_at[0] = last[0]
         storm.run(args.steps)
     except StormFailure as failure:
         print(f"VIOLATION: {failure}", flush=True)
         status = 1
+    except KeyboardInterrupt:
+        print("interrupted", flush=True)
     finally:
         elapsed = time.monotonic() - started
         chassis.stop()

@@ -8,7 +8,9 @@
  * (in_transition_reload_portd) has parked too.  The last one to park reloads
  * portd for all of them and releases them towards POWERED or READY.  A
  * parked slot that finds the reload still held tries again every 3 s
- * through its timer.
+ * through its timer.  Only cards that are coming up hold the reload: a
+ * removal, a disable or a failed pre-provisioning takes the slot's flag
+ * back.
  *
  * The whole decision runs under g_cards_conf_mutex, which serialises the
  * rendezvous (and is the lock that guards the other slots' flag and awaited

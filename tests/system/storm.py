@@ -363,10 +363,18 @@ class Storm:
 
         def seen():
             console = self.chassis.console()
-            if len(present.findall(console, mark)) != len(empty.findall(console, mark)):
+            last_present = max((m.start() for m in present.finditer(console, mark)), default=-1)
+            last_empty = max((m.start() for m in empty.finditer(console, mark)), default=-1)
+            if last_present > last_empty:
                 return False
-            return self.chassis.status_document()[f"slot{slot}"]["Exp Event"] == "present"
-        if not poll(seen, 5 * self.chassis.factor, interval=0.01):
+            return "SLOT_PRESENT" not in self.chassis.status_document()[f"slot{slot}"]["STATE"]
+
+        def seen_twice():  # an item decided before the pull may still run
+            if not seen():
+                return False
+            time.sleep(0.02)
+            return seen()
+        if not poll(seen_twice, 5 * self.chassis.factor, interval=0.01):
             self.fail(f"the removal from slot {slot} was not taken into account")
 
     def remove_card(self):

@@ -166,6 +166,23 @@ TEST_F(StaleEventTest, NewCardReloadsAtOnceAfterAnotherWasPulledBeforeSynced) {
     EXPECT_EQ(g_slots_info[kOther - 1].in_transition_reload_portd, 0);
 }
 
+TEST_F(StaleEventTest, DisabledSlotReleasedWithItsBatchAwaitsNothing) {
+    constexpr int kOther = 6;
+    arriving_card(kSlot);
+    slot().current_state |= SLOT_SYNCED;
+    slot().trans_timer.state_monitored = slot_wait_reload_portd;
+    slot().disabled = 1;
+    arriving_card(kOther);
+
+    EXPECT_TRUE(synced_transition(kOther));
+
+    EXPECT_EQ(systemctl_calls(), "reload portd\n");
+    EXPECT_EQ(slot().in_transition_reload_portd, 0);
+    EXPECT_EQ(slot().trans_timer.state_monitored, slot_empty_event);
+    EXPECT_FALSE(timer_armed(kSlot));
+    EXPECT_EQ(g_slots_info[kOther - 1].trans_timer.state_monitored, slot_ready_event);
+}
+
 /* ---------------------------------------------------------------- late synced after the stuck verdict */
 
 TEST_F(StaleEventTest, LateSyncedAfterStuckVerdictReloadsAndMovesOn) {
