@@ -261,10 +261,16 @@ bool no_valid_transition(int slot_id);
 /* Records the event the slot waits for next and arms its timer for
  * `seconds`; false when the timer cannot be armed. */
 bool await_slot_event(int slot_id, slotEvent next, uint32_t seconds);
-/* `next`, unless the slot is parked in the portd reload rendezvous: a late
- * repeat of an earlier event must not take it out of the rendezvous, or it
- * would keep its reload flag and hold every other new card. */
+/* `next`, unless the slot is parked in the portd reload rendezvous with its
+ * reload flag still set: a late repeat of an earlier event must not take it
+ * out of the rendezvous, or it would keep its flag and hold every other new
+ * card.  A parked slot whose flag is gone (the supervision gave up on it)
+ * is waiting for nothing and moves on. */
 slotEvent unless_parked(const slotInfo *slot, slotEvent next);
+/* True while the slot holds a card.  Events are decided from a snapshot of
+ * the slot, so a bring-up transition may run after the card was pulled: it
+ * then changes nothing and is logged as no valid transition. */
+bool slot_has_card(const slotInfo *slot);
 
 int get_vpd_value(const char *file_name, const char *field, char *value, int buf_len);
 int get_card_type(int slot_id);

@@ -59,6 +59,19 @@ void enable_slot(int slot_id) {
     cards_conf_disable_slot(slot_id, 0);
 }
 
+/* A disabled card is not coming up: it awaits nothing (so the supervision
+ * does not declare it stuck) and does not hold the portd reload of others.
+ * A slot already parked in the rendezvous stays there, its ports are part
+ * of the batch; the reload then leaves it waiting for nothing.  An empty
+ * slot goes on awaiting a card.  Called with g_cards_conf_mutex held, which
+ * guards the rendezvous. */
+void stop_bring_up(slotInfo *slot) {
+    if (!slot_has_card(slot)) return;
+    if (slot->trans_timer.state_monitored == slot_wait_reload_portd && slot->in_transition_reload_portd) return;
+    slot->in_transition_reload_portd = 0;
+    slot->trans_timer.state_monitored = slot_empty_event;
+}
+
 void disable_slot(int slot_id) {
     slotInfo *slot = slot_record(slot_id);
     MutexLock slot_lock(&slot->mutex);
@@ -66,6 +79,7 @@ void disable_slot(int slot_id) {
     set_linecard_disable(slot_id, true);
     slot->current_state &= ~kBringUpBits;
     MutexLock conf_lock(&g_cards_conf_mutex);
+    stop_bring_up(slot);
     cards_conf_disable_slot(slot_id, 1);
 }
 
@@ -101,6 +115,16 @@ bool synced_check(FILE *file, int slot_id, unsigned char *reply) {
         fseek(file, -1, SEEK_CUR);
         fgetc(file);
     }
+}
+
+/* A pre-provisioning that stops before its reload takes its latch back: a
+ * provisioned slot never parks in the rendezvous, so a latch left set would
+ * hold the portd reload of every new card for ever.  Returns false, the
+ * result of the failed pre-provisioning. */
+bool drop_reload_latch(slotInfo *slot) {
+    MutexLock conf_lock(&g_cards_conf_mutex);
+    slot->in_transition_reload_portd = 0;
+    return false;
 }
 
 /* The once-only reload behind a pre-provisioning, with cards.conf locked. */
@@ -143,6 +167,8 @@ void unprovision_slot(int slot_id) {
     slot->provisioned = 0;
     slot->provisioned_type = 0;
     MutexLock conf_lock(&g_cards_conf_mutex);
+    /* An empty slot has no card coming up to hold the portd reload for. */
+    if (!slot_has_card(slot)) slot->in_transition_reload_portd = 0;
     update_cards_conf(slot_id, card_type_port_speed(slot->card_type), 0, 0, 1, 0, slot->disabled);
     if (!invoke_reload_portd()) {
         CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Reload portd failed\n");
@@ -214,7 +240,7 @@ bool pre_provision_cmd(ctlPreProvisionCmd *pprovision_cmd) {
     if (!check_and_update_ini_for_lc_insert(slot_id)) {
         CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Failed to locate and program INI\n");
         ctl_set_failure(reply, NO_INI_TEXT);
-        return false;
+        return drop_reload_latch(slot);
     }
 
     char path[CM_PATH_SIZE];
@@ -222,11 +248,11 @@ bool pre_provision_cmd(ctlPreProvisionCmd *pprovision_cmd) {
     FILE *synced = fopen(path, "re");
     if (!synced) {
         CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Unable to open file %s\n", path);
-        return false;  // the reply still reports success
+        return drop_reload_latch(slot);  // the reply still reports success
     }
     bool is_synced = synced_check(synced, slot_id, reply);
     fclose(synced);
-    if (!is_synced) return false;
+    if (!is_synced) return drop_reload_latch(slot);
 
     MutexLock conf_lock(&g_cards_conf_mutex);
     slot->current_state |= SLOT_SYNCED;

@@ -3,6 +3,7 @@
  * an in-memory ring (never filtered).  Ring 0 keeps daemon-wide lines, ring s
  * the lines of slot s; the status report shows the 24 most recent of each.
  */
+#include <signal.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
@@ -22,8 +23,41 @@ namespace {
 pthread_mutex_t g_ring_lock = PTHREAD_MUTEX_INITIALIZER;
 char g_datestamp[128];
 
+/* Write errors on the console are ignored, and a console on a pipe whose
+ * reader has gone must not end the daemon: SIGPIPE is blocked in the
+ * writing thread around the write and a SIGPIPE the write raised is taken
+ * back before the mask is restored.  The process-wide disposition stays the
+ * default, so commands run through system() start with it as usual. */
+class SigpipeBlocked {
+  public:
+    SigpipeBlocked() {
+        sigemptyset(&pipe_);
+        sigaddset(&pipe_, SIGPIPE);
+        sigset_t pending;
+        /* A SIGPIPE already pending for this thread is not ours to take. */
+        already_pending_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+        pthread_sigmask(SIG_BLOCK, &pipe_, &saved_);
+    }
+    ~SigpipeBlocked() {
+        sigset_t pending;
+        if (!already_pending_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+            const struct timespec no_wait = {0, 0};
+            sigtimedwait(&pipe_, nullptr, &no_wait);
+        }
+        pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+    }
+    SigpipeBlocked(const SigpipeBlocked &) = delete;
+    SigpipeBlocked &operator=(const SigpipeBlocked &) = delete;
+
+  private:
+    sigset_t pipe_;
+    sigset_t saved_;
+    bool already_pending_ = false;
+};
+
 void log_vconsole(const char *fmt, va_list ap) {
     FILE *out = g_log_fd ? g_log_fd : stderr;
+    SigpipeBlocked no_sigpipe;
     vfprintf(out, fmt, ap);
     fflush(out);
 }

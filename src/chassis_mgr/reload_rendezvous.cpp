@@ -8,7 +8,9 @@
  * (in_transition_reload_portd) has parked too.  The last one to park reloads
  * portd for all of them and releases them towards POWERED or READY.  A
  * parked slot that finds the reload still held tries again every 3 s
- * through its timer.
+ * through its timer.  Only cards that are coming up hold the reload: a
+ * removal, a disable or a failed pre-provisioning takes the slot's flag
+ * back.
  *
  * The whole decision runs under g_cards_conf_mutex, which serialises the
  * rendezvous (and is the lock that guards the other slots' flag and awaited
@@ -28,6 +30,17 @@ slotEvent step_after_synced(const slotInfo *slot) {
 }
 
 bool is_parked(const slotInfo *slot) { return slot->trans_timer.state_monitored == slot_wait_reload_portd; }
+
+/* Sends a slot out of the rendezvous towards its next step.  A slot
+ * disabled while it waited awaits nothing until it is enabled again. */
+void send_on(int slot_id, slotInfo *slot) {
+    if (slot->disabled) {
+        slot->trans_timer.state_monitored = slot_empty_event;
+        return;
+    }
+    if (!await_slot_event(slot_id, step_after_synced(slot), STEP_PERIOD_SECONDS))
+        CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
+}
 
 /* Slots waiting for the reload, in ascending order. */
 struct ParkedSlots {
@@ -58,8 +71,7 @@ void release_slots(const ParkedSlots &parked) {
         int slot_id = parked.slot_ids[i];
         slotInfo *slot = &g_slots_info[slot_id - 1];
         slot->in_transition_reload_portd = 0;
-        if (!await_slot_event(slot_id, step_after_synced(slot), STEP_PERIOD_SECONDS))
-            CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
+        send_on(slot_id, slot);
     }
 }
 
@@ -99,6 +111,10 @@ bool wait_reload_portd(int slot_id) {
     if (!is_parked(slot)) return true;
 
     release_slots(parked);
+    /* A caller parked without a flag is a card whose synced event came after
+     * the supervision had given up on it: it joined too late to be counted,
+     * but its ports are new all the same, so it reloads and moves on. */
+    if (is_parked(slot)) send_on(slot_id, slot);
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Reloading portd...\n");
     invoke_reload_portd();  /* a failure is logged; the slots go on regardless */
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "portd reloaded\n");

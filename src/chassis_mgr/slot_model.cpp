@@ -122,8 +122,11 @@ bool await_slot_event(int slot_id, slotEvent next, uint32_t seconds) {
 }
 
 slotEvent unless_parked(const slotInfo *slot, slotEvent next) {
-    return slot->trans_timer.state_monitored == slot_wait_reload_portd ? slot_wait_reload_portd : next;
+    bool parked = slot->trans_timer.state_monitored == slot_wait_reload_portd;
+    return parked && slot->in_transition_reload_portd ? slot_wait_reload_portd : next;
 }
+
+bool slot_has_card(const slotInfo *slot) { return (slot->current_state & SLOT_PRESENT) != 0; }
 
 bool power_within_budget(int) { return true; }
 

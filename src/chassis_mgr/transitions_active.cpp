@@ -47,6 +47,8 @@ bool synced_transition(int slot_id) {
 
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Transitioned from %d to SLOT_SYNCED\n", (int)slot->current_state);
     if (!(slot->current_state & SLOT_SYNCED) && !slot->provisioned) {
+        /* A card pulled since the event was decided brings no ports. */
+        if (!slot_has_card(slot)) return no_valid_transition(slot_id);
         slot->current_state |= SLOT_SYNCED;
         record_new_card(slot_id);
         wait_reload_portd(slot_id);  /* times the slot's next step itself */
@@ -71,6 +73,8 @@ bool active_transition(int slot_id) {
         CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id - 1, "Will not transition to active while in disabled state\n");
         return true;
     }
+    if (!slot_has_card(slot)) return no_valid_transition(slot_id);  // pulled since the event was decided
+
     if (slot->current_state & SLOT_ACTIVE) {
         CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Already in ACTIVE state\n");
     } else {

@@ -125,6 +125,12 @@ bool empty_transition(int slot_id) {
 
     {
         MutexLock lock(&g_cards_conf_mutex);
+        /* A card that is gone is not coming up: it must not hold the portd
+         * reload of the cards that are.  The flag goes under the rendezvous
+         * lock, before the slot awaits presence again below (which also
+         * takes a parked slot out of the rendezvous), so that a reload
+         * running meanwhile either releases the slot first or skips it. */
+        slot->in_transition_reload_portd = 0;
         if (slot->provisioned) {
             /* The slot keeps its provisioned ports for the next card. */
             int speed = card_type_port_speed(slot->provisioned_type);

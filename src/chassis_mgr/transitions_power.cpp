@@ -49,6 +49,7 @@ bool accept_provisioned_card(int slot_id) {
 bool verified_transition(int slot_id) {
     CM_ASSERT(slot_id >= 1 && slot_id <= 8);
     slotInfo *slot = &g_slots_info[slot_id - 1];
+    if (!slot_has_card(slot)) return no_valid_transition(slot_id);  // pulled since the event was decided
 
     slotEvent next = slot_powered_event;
     if (slot->current_state & SLOT_VERIFIED) {
@@ -86,6 +87,9 @@ bool verified_transition(int slot_id) {
 bool powered_transition(int slot_id) {
     CM_ASSERT(slot_id >= 1 && slot_id <= 8);
     slotInfo *slot = &g_slots_info[slot_id - 1];
+    /* Power is only ever requested by the verified step: without a card, or
+     * once a disable took SLOT_VERIFIED back, the event is left over. */
+    if (!slot_has_card(slot) || !(slot->current_state & SLOT_VERIFIED)) return no_valid_transition(slot_id);
 
     if (slot->current_state & SLOT_POWERED) {
         CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Already in POWERED state\n");

@@ -111,6 +111,8 @@ bool ready_transition(int slot_id) {
         CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id - 1, "Will not transition to ready while in disabled state\n");
         return true;
     }
+    if (!slot_has_card(slot)) return no_valid_transition(slot_id);  // pulled since the event was decided
+
     if (slot->current_state & SLOT_READY) {
         CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Already in READY state\n");
         if (!await_slot_event(slot_id, slot_active_event, STEP_PERIOD_SECONDS)) {

@@ -530,10 +530,12 @@ class DaemonFactory:
     def binary(self):
         return daemon_binary()
 
-    def start(self, *args, scale="0.001", env=None, expect_exit=False):
+    def start(self, *args, scale="0.001", env=None, expect_exit=False, stdout=None):
         """Starts `chassis-mgr ARGS...` with CHMGR_ROOT = the sandbox root,
         CHMGR_TIME_SCALE = `scale` (None: not set), PATH with the stand-ins
         first, and `env` merged over that (a value None removes the variable).
+        `stdout` (a descriptor) replaces the captured console; `.console()`
+        then reads nothing.
 
         Returns a Daemon at once.  Unless `expect_exit` is true, a daemon
         that has exited by the end of the test without being killed by the
@@ -553,7 +555,8 @@ class DaemonFactory:
         out_path = self.sandbox.base / f"daemon{index}.out"
         err_path = self.sandbox.base / f"daemon{index}.err"
         with open(out_path, "wb") as out, open(err_path, "wb") as err:
-            proc = subprocess.Popen([str(binary), *map(str, args)], stdout=out, stderr=err,
+            proc = subprocess.Popen([str(binary), *map(str, args)], stdout=out if stdout is None else stdout,
+                                    stderr=err,
                                     stdin=subprocess.DEVNULL, env=run_env, cwd=self.sandbox.base,
                                     start_new_session=True)
         handle = Daemon(proc, out_path, err_path, expect_exit)

@@ -611,4 +611,73 @@ TEST_F(CtlAdminTest, UnprovisionOfBadSlotIsLoggedAndSentWithoutTheSendingLine) {
                                   }));
 }
 
+/* ---------------------------------------------------------------- the reload hold */
+
+TEST_F(CtlAdminTest, FailedPreProvisionDoesNotHoldTheReload) {
+    put_request(PRE_PROVISION_ENABLE, 3, 1);  // no INI anywhere for the four-port card
+    run(ctl_pre_provision_enable);
+    EXPECT_EQ(status_str(), padded("Failed to locate and program INI"));
+    EXPECT_EQ(g_slots_info[2].in_transition_reload_portd, 0);
+}
+
+TEST_F(CtlAdminTest, PreProvisionTimingOutOnSyncedDoesNotHoldTheReload) {
+    sim("slot3/ini_identity", "3 2 5\n");
+    root.write(kConf, conf_with(3, conf_line(3, 0, 100, 100, 0, false, false)));
+    put_request(PRE_PROVISION_ENABLE, 3, 3);
+    run(ctl_pre_provision_enable);
+    EXPECT_EQ(status_str(), padded("TIMEOUT: INI programing SYNC event\n"));
+    EXPECT_EQ(g_slots_info[2].in_transition_reload_portd, 0);
+}
+
+TEST_F(CtlAdminTest, PreProvisionWithUnreadableSyncedFileDoesNotHoldTheReload) {
+    sim("slot3/ini_identity", "3 2 5\n");
+    root.write(kConf, conf_with(3, conf_line(3, 0, 100, 100, 0, false, false)));
+    root.remove("/var/run/hw-management/events/lc3_synced");
+    put_request(PRE_PROVISION_ENABLE, 3, 3);
+    run(ctl_pre_provision_enable);
+    EXPECT_EQ(g_slots_info[2].in_transition_reload_portd, 0);
+}
+
+TEST_F(CtlAdminTest, UnprovisionOfEmptySlotReleasesTheReloadHold) {
+    g_slots_info[2].provisioned = 1;
+    g_slots_info[2].provisioned_type = 1;
+    g_slots_info[2].in_transition_reload_portd = 1;  // left by an earlier daemon's failed pre-provisioning
+    put_request(PRE_PROVISION_DISABLE, 3);
+    run(ctl_pre_provision_disable);
+    EXPECT_EQ(g_slots_info[2].in_transition_reload_portd, 0);
+}
+
+TEST_F(CtlAdminTest, DisableStopsSupervisionAndReleasesTheReloadHold) {
+    slotInfo *slot = &g_slots_info[3];
+    slot->current_state = SLOT_PRESENT | SLOT_VERIFIED | SLOT_POWERED;
+    slot->in_transition_reload_portd = 1;
+    slot->trans_timer.state_monitored = slot_synced_event;
+    put_request(LINECARD_DISABLE, 4);
+    run(ctl_linecard_disable);
+    EXPECT_EQ(slot->trans_timer.state_monitored, slot_empty_event);
+    EXPECT_EQ(slot->in_transition_reload_portd, 0);
+    /* An expiry now finds nothing awaited: no counting towards "stuck". */
+    root.event(4, "present", "1");
+    EXPECT_TRUE(handle_slot_timer_expired(4));
+    EXPECT_EQ(slot->trans_timer.transition_timer_hits, 0);
+}
+
+TEST_F(CtlAdminTest, DisabledEmptySlotStillAwaitsACard) {
+    g_slots_info[3].trans_timer.state_monitored = slot_present_event;
+    put_request(LINECARD_DISABLE, 4);
+    run(ctl_linecard_disable);
+    EXPECT_EQ(g_slots_info[3].trans_timer.state_monitored, slot_present_event);
+}
+
+TEST_F(CtlAdminTest, DisableLeavesAParkedSlotInItsBatch) {
+    slotInfo *slot = &g_slots_info[3];
+    slot->current_state = SLOT_PRESENT | SLOT_VERIFIED | SLOT_POWERED | SLOT_SYNCED;
+    slot->in_transition_reload_portd = 1;
+    slot->trans_timer.state_monitored = slot_wait_reload_portd;
+    put_request(LINECARD_DISABLE, 4);
+    run(ctl_linecard_disable);
+    EXPECT_EQ(slot->trans_timer.state_monitored, slot_wait_reload_portd);
+    EXPECT_EQ(slot->in_transition_reload_portd, 1);
+}
+
 }  // namespace
