@@ -52,12 +52,12 @@ static void fd_path(int fd, char *out, size_t size) {
 
 /* Kills the process when this call is the one CHMGR_SHIM_KILL names. */
 static void maybe_kill(const char *call, const char *path) {
-    const char *spec = getenv("CHMGR_SHIM_KILL");
-    if (!spec) return;
+    const char *order = getenv("CHMGR_SHIM_KILL");
+    if (!order) return;
     size_t call_length = strlen(call);
-    if (strncmp(spec, call, call_length) != 0 || spec[call_length] != ':') return;
+    if (strncmp(order, call, call_length) != 0 || order[call_length] != ':') return;
     char *rest = NULL;
-    long wanted = strtol(spec + call_length + 1, &rest, 10);
+    long wanted = strtol(order + call_length + 1, &rest, 10);
     if (!rest || *rest != ':' || strcmp(rest + 1, path) != 0) return;
     pthread_mutex_lock(&shim_lock);
     int count = ++kill_count;
