@@ -100,6 +100,21 @@ def _in_main_loop(pid):
     return counts.count(6) == 8
 
 
+def _group_alive(pgid):
+    """True while a process of group `pgid` runs (zombies hold no files)."""
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            stat = Path(f"/proc/{entry}/stat").read_text()
+        except OSError:
+            continue
+        fields = stat[stat.rfind(")") + 2:].split()
+        if int(fields[2]) == pgid and fields[0] != "Z":
+            return True
+    return False
+
+
 def _conf_lines(text):
     """{slot: [fields]} of the data lines, and the number of data lines."""
     lines = {}
@@ -143,8 +158,11 @@ class _Chassis:
         out.close()
         self.procs.append(proc)
         while not ready(proc):
-            if time.monotonic() > deadline or proc.poll() is not None:
-                raise RuntimeError(f"{name} did not start (see {self.base})")
+            if proc.poll() is not None:
+                tail = (_read(self.base / f"{name}.out") or "")[-500:]
+                raise RuntimeError(f"{name} exited with {proc.returncode} at start: {tail!r}")
+            if time.monotonic() > deadline:
+                raise RuntimeError(f"{name} did not start in time (see {self.base})")
             time.sleep(0.005)
         return proc
 
@@ -242,6 +260,12 @@ def run_trial(binary, seed, scale=0.001, kill_window=1.5, timeout=60.0, keep_fai
             time.sleep(0.001)
         os.killpg(first.pid, signal.SIGKILL)
         first.wait()
+        # A command the daemon was running dies with it; until it is gone it
+        # may still hold the pid file's lock (between its fork and exec).
+        while _group_alive(first.pid):
+            if time.monotonic() > deadline:
+                raise RuntimeError(f"processes of the killed daemon did not end (see {chassis.base})")
+            time.sleep(0.005)
 
         second = chassis.start_daemon("daemon1", deadline)
         while not _online(chassis.root, plan.in_service()):
