@@ -7,25 +7,27 @@
  * configured speed; four writers change a line or a field.  Every change is
  * a whole-file rewrite: the new content goes to "cards.conf<N>" (N names the
  * writer: 0 the load, the slot number for update_cards_conf, 9 the
- * single-field writers), then the old file is removed and the new one
- * renamed into place, in that order.  portd may briefly find no file; that
- * gap is accepted.
+ * single-field writers), flushed to the disk, then the old file is removed
+ * and the new one renamed into place, in that order, and the directory is
+ * flushed.  portd may briefly find no file; that gap is accepted.  The new
+ * file keeps the old one's mode and owner.
  *
  * Callers hold g_cards_conf_mutex around every call; nothing here takes it.
  */
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <memory>
 #include <string_view>
 
 #include "cards_conf_line.h"
+#include "cards_conf_recovery.h"
 #include "chassis_mgr.h"
+#include "durable_file.h"
 
 namespace {
-
-#define CARDS_CONF_PATH "/etc/tarnel/cards.conf"
 
 constexpr int kStartupLoadWriter = 0;
 constexpr int kSingleFieldWriter = 9;
@@ -100,13 +102,15 @@ int clamp_length(std::string_view text) { return text.size() > (size_t)INT_MAX ?
  * the writer's temporary file "cards.conf<writer>". */
 bool open_rewrite(Rewrite *rw, int writer, OnTempFailure on_temp_failure) {
     env_path(rw->main_path, sizeof rw->main_path, CARDS_CONF_PATH);
-    rw->main.reset(fopen(rw->main_path, "r+"));
+    rw->main.reset(fopen(rw->main_path, "r+e"));
     if (!rw->main) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to open file %s\n", rw->main_path);
         return false;
     }
     env_path(rw->temp_path, sizeof rw->temp_path, CARDS_CONF_PATH "%d", writer);
-    rw->temp.reset(fopen(rw->temp_path, "w"));
+    struct stat replaced;
+    bool have_replaced = fstat(fileno(rw->main.get()), &replaced) == 0;
+    rw->temp.reset(durable_open_temp(rw->temp_path, have_replaced ? &replaced : nullptr, "w"));
     if (!rw->temp) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to open file %s\n", rw->temp_path);
         /* The start-up load has always left the main file open on this path. */
@@ -116,14 +120,16 @@ bool open_rewrite(Rewrite *rw, int writer, OnTempFailure on_temp_failure) {
     return true;
 }
 
-/* Closes both files, removes the main file, then renames the temporary
- * file into its place; failures of the last two are logged and the call
- * still counts as done.  A temporary file that could not be written
- * completely never replaces the main file. */
+/* Flushes the temporary file to the disk, closes both files, removes the
+ * main file, then renames the temporary file into its place and flushes the
+ * directory; failures of the remove and the rename are logged and the call
+ * still counts as done.  A temporary file that could not be written and
+ * flushed completely never replaces the main file. */
 bool finish_rewrite(Rewrite *rw, const Output &out, RemoveWarning warning) {
     rw->main.reset();
+    bool flushed = durable_flush(rw->temp.get());
     bool closed = fclose(rw->temp.release()) == 0;
-    bool written = out.ok() && closed;
+    bool written = out.ok() && flushed && closed;
     if (!written) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to write %s\n", rw->temp_path);
         remove(rw->temp_path);
@@ -140,6 +146,7 @@ bool finish_rewrite(Rewrite *rw, const Output &out, RemoveWarning warning) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to rename %s\n", rw->temp_path);
         CM_LOG(LOG_LEVEL_ERR, "This may setup slots incorrectly\n");
     }
+    durable_sync_parent_dir(rw->main_path);
     return true;
 }
 
@@ -284,7 +291,7 @@ bool check_cards_conf_for_valid_card(int slot_id) {
     CM_ASSERT(slot_id >= 1 && slot_id <= 8);
     char path[CM_PATH_SIZE];
     env_path(path, sizeof path, CARDS_CONF_PATH);
-    FileHandle file(fopen(path, "r+"));
+    FileHandle file(fopen(path, "r+e"));
     if (!file) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to open file %s\n", path);
         return false;

@@ -11,6 +11,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include "cards_conf_recovery.h"
 #include "chassis_mgr.h"
 #include "event_watches.h"
 #include "chmgr_sdk.h"
@@ -198,7 +199,12 @@ bool init_slots(void) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to create debug thread\n");
         return false;
     }
-    update_info_from_cards_conf();
+    /* A rewrite interrupted between its remove and its rename leaves its
+     * complete new content only in its temporary file: put it back before
+     * anything reads the files. */
+    recover_cards_conf();
+    recover_port_list();
+    if (!update_info_from_cards_conf()) create_missing_cards_conf();
     if (!init_slot_states()) return false;
     if (pthread_create(&g_ctl_thread_id, nullptr, ctl_thread, nullptr) < 0) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to create debug thread\n");  // same text as the debug thread's

@@ -7,12 +7,15 @@
  * Slot records and rings are read without any slot lock: the document is a
  * snapshot that may mix values of a transition in progress.
  */
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include "chassis_mgr.h"
+#include "durable_file.h"
 #include "json.h"
 
 namespace {
@@ -167,13 +170,20 @@ int get_json_obj_for_slots(int slot_id) {
 
     char path[CM_PATH_SIZE];
     env_path(path, sizeof path, STATUS_DOCUMENT_PATH);
-    FILE *file = fopen(path, "w+");
+    /* Rewritten in place, so it keeps its mode and owner; flushed to the
+     * disk before the reply, so a document read after a power cut is
+     * whole. */
+    int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, DURABLE_NEW_FILE_MODE);
+    FILE *file = fd >= 0 ? fdopen(fd, "w+") : nullptr;
     if (!file) {
+        if (fd >= 0) close(fd);
         free(text);
         return 0;
     }
     fputs(text, file);
+    durable_flush(file);
     fclose(file);
+    durable_sync_parent_dir(path);
     int length = (int)strlen(text);
     free(text);
     return length;

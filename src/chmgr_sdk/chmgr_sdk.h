@@ -10,6 +10,8 @@
 #include <pthread.h>
 #include <stdint.h>
 
+#include <string_view>
+
 #include "chassis_mgr.h"
 #include "ks_api.h"
 
@@ -46,5 +48,15 @@ bool update_ports_list_conf(ks_port_attributes_t *p_port_attr_list, int no_of_po
  * kept).  Returns the number of entries kept. */
 int port_list_read(FILE *file, chmgr_port_list_t *table, int capacity, int *p_dropped);
 bool delete_ports_list_conf(int slot_id, ks_port_attributes_t *p_port_attr_list, int no_of_ports);
+/* A complete port list text: the three header lines, then only entry lines
+ * exactly as the daemon writes them, each with its line feed.  A list cut
+ * at a line boundary cannot be told from a shorter one; see
+ * recover_port_list. */
+bool port_list_text_complete(std::string_view text);
+/* At start-up, when the port list is missing and its temporary file holds a
+ * complete list, renames it into place (one WARN line).  A rewrite flushes
+ * the temporary file before it removes the list, so a temporary file found
+ * beside no list was finished.  True when the list was restored. */
+bool recover_port_list(void);
 
 #endif /* CHMGR_SDK_H */

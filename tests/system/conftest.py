@@ -46,6 +46,11 @@ socket_listening(sandbox), start_listening(sandbox, daemon)
 daemon_binary(), built_binary(name, kind)
           path of the chassis-mgr binary, or of another built program
           (skips or fails when missing).
+crash_shim_env(trace=None, kill=None)
+          environment for daemon.start that preloads the test tree's shim:
+          `trace` a file receiving "fsync PATH", "remove PATH", "rename A B"
+          lines; `kill` "remove:N:PATH" or "rename:N:PATH" (SIGKILL after
+          the N-th such call).
 read_text(path), write_once(path, text)
           read a file as text; write one with a single open-write-close.
 StandinCall
@@ -436,6 +441,21 @@ def built_binary(name, kind):
 def daemon_binary():
     """Path of the chassis-mgr binary, or skip/fail when it is missing."""
     return built_binary("chassis-mgr", "daemon")
+
+
+def crash_shim_env(trace=None, kill=None):
+    """Environment (for `daemon.start(env=...)`) preloading the shim built
+    from tests/crash_shim.c: `trace` names a file that receives one line per
+    fsync, remove and rename; `kill` ("remove:N:PATH" or "rename:N:PATH")
+    makes the daemon SIGKILL itself right after that call."""
+    shim = built_binary("libchmgr_crash_shim.so", "crash shim")
+    asan = os.environ.get("ASAN_OPTIONS", "")
+    env = {"LD_PRELOAD": str(shim),
+           # The shim comes first in the library list; sanitizer builds accept that.
+           "ASAN_OPTIONS": f"{asan}:verify_asan_link_order=0" if asan else "verify_asan_link_order=0",
+           "CHMGR_SHIM_TRACE": str(trace) if trace else None,
+           "CHMGR_SHIM_KILL": kill}
+    return env
 
 
 class Daemon:

@@ -296,14 +296,41 @@ TEST_F(PortListTest, ZeroPortsLeaveOnlyTheOtherSlots) {
     EXPECT_EQ(normalized_ring(0)[0], "[INFO]<T> port_list.cpp:<N> Number of ports from INI apply = 0 for slot\n");
 }
 
-TEST_F(PortListTest, TemporaryFileThatCannotBeCreatedLeavesTheDeletedState) {
-    root_.write(kPortList, kPortListHeader + port_list_entry(0, 1, 1, 1) + port_list_entry(0, 2, 1, 17));
+TEST_F(PortListTest, TemporaryFileThatCannotBeCreatedLeavesTheListAsItWas) {
+    std::string before = kPortListHeader + port_list_entry(0, 1, 1, 1) + port_list_entry(0, 2, 1, 17);
+    root_.write(kPortList, before);
     mkdir(root_.at(kTemp).c_str(), 0755);
     std::vector<ks_port_attributes_t> ports = card_ports(2, 1);
     EXPECT_TRUE(update_ports_list_conf(ports.data(), 1));
+    EXPECT_EQ(file(), before);
+    std::string open_failed = "port_list.cpp:<N> ERR Unable to open file " + root_.at(kTemp) + "\n";
+    std::string out = console();
+    size_t first = out.find(open_failed);
+    ASSERT_NE(first, std::string::npos);
+    EXPECT_NE(out.find(open_failed, first + 1), std::string::npos);  // the delete's and the update's
+    EXPECT_EQ(out.find("Config File after deleting slot"), std::string::npos);
+}
+
+TEST_F(PortListTest, NewContentThatCannotBeWrittenNeverReplacesTheList) {
+    std::string before = kPortListHeader + port_list_entry(0, 1, 1, 1) + port_list_entry(0, 2, 1, 17);
+    root_.write(kPortList, before);
+    ASSERT_EQ(symlink("/dev/full", root_.at(kTemp).c_str()), 0);
+    EXPECT_TRUE(delete_ports_list_conf(2, nullptr, 0));
+    EXPECT_EQ(file(), before);
+    EXPECT_NE(console().find("port_list.cpp:<N> ERR Unable to write " + root_.at(kTemp) + "\n"), std::string::npos);
+    EXPECT_FALSE(root_.exists(kTemp));
+}
+
+TEST_F(PortListTest, DeleteRewritesThroughTheTemporaryFileAndLeavesNoneBehind) {
+    root_.write(kPortList, kPortListHeader + port_list_entry(0, 1, 1, 1) + port_list_entry(0, 2, 1, 17));
+    struct stat before;
+    ASSERT_EQ(stat(root_.at(kPortList).c_str(), &before), 0);
+    EXPECT_TRUE(delete_ports_list_conf(2, nullptr, 0));
     EXPECT_EQ(file(), kPortListHeader + port_list_entry(0, 1, 1, 1));
-    EXPECT_NE(console().find("port_list.cpp:<N> ERR Unable to open file " + root_.at(kTemp) + "\n"),
-              std::string::npos);
+    struct stat after;
+    ASSERT_EQ(stat(root_.at(kPortList).c_str(), &after), 0);
+    EXPECT_NE(after.st_ino, before.st_ino);  // a new file renamed into place, not the old one truncated
+    EXPECT_FALSE(root_.exists(kTemp));
 }
 
 TEST_F(PortListTest, FailedRemoveAndRenameAreLoggedAndStillSucceed) {

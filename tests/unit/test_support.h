@@ -159,6 +159,16 @@ inline const std::string kPortListHeader =
     "#Do not edit.\n"
     "#entry      slot        module_port        local_port\n";
 
+/* A cards.conf data line in the one format the daemon writes. */
+inline std::string conf_data_line(int slot, int detected, int provisioned, int configured, int dirty,
+                                  const std::string &state, const std::string &admin) {
+    char configured_text[16];
+    snprintf(configured_text, sizeof configured_text, "%3d", configured);
+    return std::to_string(slot) + "       " + std::to_string(detected) + "G        " + std::to_string(provisioned) +
+           "G               " + configured_text + "G        " + std::to_string(dirty) + "  " + state + "   " +
+           admin + "\n";
+}
+
 inline std::string port_list_entry(int line_no, int slot, int module, int local) {
     char text[96];  // four ints of up to 11 characters, the blanks and the line feed
     snprintf(text, sizeof text, "%2d        %2d        %2d        %2d\n", line_no, slot, module, local);
