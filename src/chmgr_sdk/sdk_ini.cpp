@@ -105,8 +105,8 @@ void poll_ini_in_use(int slot_id) {
         }
         env_sleep(1);
     }
-    /* Filed under the next slot's number on purpose; for slot 8 that number
-     * has no ring and the line becomes a daemon-wide one. */
+    /* Filed under the next slot's number on purpose; for slot 8 that is
+     * "[SLOT9]", which has no ring of its own and goes into ring 0. */
     CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id + 1, "unable to get INI in-use\n");
 }
 

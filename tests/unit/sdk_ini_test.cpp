@@ -297,13 +297,19 @@ TEST_F(SdkIniTest, NeverInUseLogsUnderTheNextSlotAndStillSucceeds) {
     EXPECT_EQ(root_.read(kPortList), kPortListHeader + card_entries(3));
 }
 
-TEST_F(SdkIniTest, NeverInUseOnSlotEightGoesToTheDaemonRing) {
+TEST_F(SdkIniTest, NeverInUseOnSlotEightIsTaggedSlot9InTheDaemonRing) {
     root_.write(sim("slot8/ini_status_script"), "0 0 0 0 0\n");
     iniInfo ini = image(100);
     EXPECT_TRUE(sdk_program_ini(8, false, &ini));
     std::vector<std::string> ring0 = normalized_ring(0);
-    EXPECT_NE(std::find(ring0.begin(), ring0.end(), "[ERR]<T> sdk_ini.cpp:<N> unable to get INI in-use\n"), ring0.end());
-    EXPECT_NE(console().find("\nsdk_ini.cpp:<N> ERR unable to get INI in-use\n"), std::string::npos);
+    ASSERT_FALSE(ring0.empty());
+    EXPECT_EQ(ring0.front(), "[SLOT9:ERR]<T> sdk_ini.cpp:<N> unable to get INI in-use\n");
+    EXPECT_NE(console().find("\n[SLOT9] sdk_ini.cpp:<N> ERR unable to get INI in-use\n"), std::string::npos);
+    EXPECT_EQ(console().find("\nsdk_ini.cpp:<N> ERR unable to get INI in-use\n"), std::string::npos);
+    std::vector<std::string> ring8 = normalized_ring(8);
+    EXPECT_EQ(std::count_if(ring8.begin(), ring8.end(),
+                            [](const std::string &line) { return line.find("unable to get INI") != std::string::npos; }),
+              0);
 }
 
 /* ---- programming: port read-back -------------------------------------- */
