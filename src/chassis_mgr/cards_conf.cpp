@@ -189,13 +189,13 @@ void apply_to_slot_record(const cardsConfEntry &entry) {
     if (entry.configured_speed > 0) slot->card_type = cards_conf_speed_card_type(entry.configured_speed);
 }
 
-/* A line whose first field reads as 0 (comment, header, blank line) is
- * dropped silently; a written slot number outside 1 to 8 is dropped with a
- * log line, so nothing addresses a slot that does not exist. */
+/* A line whose first field reads as 0 (comment, header, blank line, slot
+ * "0") is dropped silently; any other slot number outside 1 to 8 is dropped
+ * with a log line, so nothing addresses a slot that does not exist. */
 void load_line(const Rewrite &rw, Output *out, long number, std::string_view raw) {
     std::string_view text = cards_conf_line_text(raw);
     cardsConfNumber slot = cards_conf_slot_field(text);
-    if (slot.value == 0 && !slot.has_digits) return;
+    if (slot.value == 0) return;
     if (slot.value < 1 || slot.value > MAX_SLOTS_FOR_9600) {
         log_dropped_line(rw, number, "slot number outside 1 to 8");
         return;

@@ -363,6 +363,22 @@ TEST_F(CardsConfTest, StartupLoadLeavesTheMainFileOpenWhenItsTemporaryFileCannot
     for (int fd : left_open) close(fd);
 }
 
+TEST_F(CardsConfTest, StartupLoadDropsSlotZeroLinesSilently) {
+    write_conf("0 400G 0G 400G 1 Online disable\n"
+               "2 100G 0G 100G 1 Online enable\n"
+               "00 400G 0G 400G 1 Online enable\n"
+               "0abc 400G 400G 400G 1 Online disable\n"
+               "\t0 400G 0G 400G 1 Online disable\n");
+    ASSERT_TRUE(update_info_from_cards_conf());
+    EXPECT_EQ(conf(), "2       100G        0G               100G        0  Offline   enable\n");
+    EXPECT_TRUE(ring_lines(0).empty());
+    for (int n : {1, 3, 4, 5, 6, 7, 8}) {
+        expect_records_untouched(n);
+        EXPECT_TRUE(ring_lines(n).empty()) << n;
+    }
+    EXPECT_EQ(ring_lines(2).size(), 2u);
+}
+
 TEST_F(CardsConfTest, StartupLoadDropsSlotNumbersOutsideOneToEightWithALogLine) {
     write_conf("# header\n"
                "0 400G 0G 400G 1 Online disable\n"
@@ -373,8 +389,7 @@ TEST_F(CardsConfTest, StartupLoadDropsSlotNumbersOutsideOneToEightWithALogLine) 
                "3abc 100G 0G 100G 1 Online enable\n");
     ASSERT_TRUE(update_info_from_cards_conf());
     EXPECT_EQ(conf(), data_line(3, 100, 0, 100, 0, "Offline", "enable"));
-    EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{dropped(2, "slot number outside 1 to 8"),
-                                                            dropped(3, "slot number outside 1 to 8"),
+    EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{dropped(3, "slot number outside 1 to 8"),
                                                             dropped(4, "slot number outside 1 to 8"),
                                                             dropped(5, "slot number outside 1 to 8"),
                                                             dropped(6, "slot number outside 1 to 8")}));
