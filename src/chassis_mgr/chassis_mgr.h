@@ -239,7 +239,9 @@ int card_type_port_speed(int card_type);
 const char *card_type_name(int card_type);
 
 /* serial_no and uptime are read by the status report while a worker may
- * write them; these copy them under a short leaf lock. */
+ * write them; these copy them under a short leaf lock.  serial_no holds up
+ * to 32 bytes with no terminator when full: `serial` is read up to its NUL
+ * or 32 bytes, and readers of `out` must stop at 32 bytes too. */
 void slot_serial_set(int slot_id, const char *serial);
 void slot_serial_get(int slot_id, char out[SERIAL_NO_SIZE]);
 void slot_uptime_set(int slot_id, const struct timeval *tv);
