@@ -163,9 +163,6 @@ bool parse_data_line(const Rewrite &rw, long number, std::string_view text, card
     case CARDS_CONF_LINE_MISSING_FIELDS:
         log_dropped_line(rw, number, "fewer than seven fields");
         return false;
-    case CARDS_CONF_LINE_NUMBER_RANGE:
-        log_dropped_line(rw, number, "number out of range");
-        return false;
     }
     return false;
 }
@@ -196,14 +193,14 @@ void apply_to_slot_record(const cardsConfEntry &entry) {
     if (entry.configured_speed > 0) slot->card_type = cards_conf_speed_card_type(entry.configured_speed);
 }
 
-/* A line whose first field reads as 0 (comment, header, blank line) is
- * dropped silently; a written slot number outside 1 to 8 is dropped with a
- * log line, so nothing addresses a slot that does not exist. */
+/* A line whose first field reads as 0 (comment, header, blank line, slot
+ * "0") is dropped silently; any other slot number outside 1 to 8 is dropped
+ * with a log line, so nothing addresses a slot that does not exist. */
 void load_line(const Rewrite &rw, Output *out, long number, std::string_view raw) {
     std::string_view text = cards_conf_line_text(raw);
-    cardsConfNumber slot = cards_conf_slot_field(text);
-    if (slot.value == 0 && !slot.has_digits) return;
-    if (slot.value < 1 || slot.value > MAX_SLOTS_FOR_9600) {
+    int slot = cards_conf_int(cards_conf_slot_field(text));
+    if (slot == 0) return;
+    if (slot < 1 || slot > MAX_SLOTS_FOR_9600) {
         log_dropped_line(rw, number, "slot number outside 1 to 8");
         return;
     }
@@ -305,11 +302,11 @@ bool check_cards_conf_for_valid_card(int slot_id) {
         if (!cards_conf_slot_and_configured(text, &slot_text, &speed_text)) continue;
         CM_LOG(LOG_LEVEL_INFO, "From cards.conf slot = %.*s, speed = %.*s\n", clamp_length(slot_text),
                slot_text.data(), clamp_length(speed_text), speed_text.data());
-        cardsConfNumber slot = cards_conf_number(slot_text);
-        cardsConfNumber speed = cards_conf_number(speed_text);
-        if (slot.value == slot_id && speed.fits_int && speed.value != 0) {
+        int slot = cards_conf_int(cards_conf_number(slot_text));
+        int speed = cards_conf_int(cards_conf_number(speed_text));
+        if (slot == slot_id && speed != 0) {
             CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "cards.conf entry valid for slot with speed %dG\n",
-                        (int)speed.value);
+                        speed);
             return true;
         }
     }

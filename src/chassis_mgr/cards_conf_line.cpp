@@ -53,6 +53,8 @@ cardsConfNumber cards_conf_number(std::string_view text) {
     return number;
 }
 
+int cards_conf_int(cardsConfNumber number) { return (int)number.value; }
+
 bool cards_conf_next_field(std::string_view text, size_t *pos, std::string_view delims,
                            std::string_view *field) {
     size_t start = *pos < text.size() ? text.find_first_not_of(delims, *pos) : std::string_view::npos;
@@ -97,11 +99,8 @@ cardsConfParse cards_conf_parse_line(std::string_view text, cardsConfEntry *entr
     }
     int *numbers[] = {&entry->slot_id, &entry->detected_speed, &entry->provisioned_speed,
                       &entry->configured_speed, &entry->dirty_flag};
-    for (size_t i = 0; i < sizeof numbers / sizeof numbers[0]; ++i) {
-        cardsConfNumber number = cards_conf_number(fields[i]);
-        if (!number.fits_int) return CARDS_CONF_LINE_NUMBER_RANGE;
-        *numbers[i] = (int)number.value;
-    }
+    for (size_t i = 0; i < sizeof numbers / sizeof numbers[0]; ++i)
+        *numbers[i] = cards_conf_int(cards_conf_number(fields[i]));
     entry->state = fields[5];
     entry->admin_state = fields[6];
     return CARDS_CONF_LINE_OK;

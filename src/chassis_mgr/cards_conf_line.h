@@ -49,13 +49,16 @@ typedef struct _cardsConfNumber {
 typedef enum {
     CARDS_CONF_LINE_OK = 0,
     CARDS_CONF_LINE_MISSING_FIELDS = 1,  /* fewer than seven fields */
-    CARDS_CONF_LINE_NUMBER_RANGE = 2,    /* a numeric field does not fit an int */
 } cardsConfParse;
 
 /* The text a parser looks at: the line up to its first NUL byte, if any. */
 std::string_view cards_conf_line_text(std::string_view raw);
 
 cardsConfNumber cards_conf_number(std::string_view text);
+
+/* The number as a field value: strtol's result used as a 32-bit int, so
+ * 4294967299 is 3 and 4294967296 is 0, as the file's other readers see it. */
+int cards_conf_int(cardsConfNumber number);
 
 /* Steps to the next field from *pos: skips characters of `delims`, takes the
  * run up to the next one, and leaves *pos just past that delimiter.  False

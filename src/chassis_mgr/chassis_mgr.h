@@ -94,9 +94,10 @@ extern slotLog g_slot_log;
 void _log_log(log_level_e level, const char *fmt, int fmt_len, ...) __attribute__((format(printf, 2, 4)));
 void _log_log_slot(log_level_e level, const char *fmt, int fmt_len, ...) __attribute__((format(printf, 2, 4)));
 const char *_log_datestamp(void);
-/* Writes one ring line: "[<name>]<stamp> <file>:<line> <msg>" for ring 0,
- * "[SLOT<ring>:<name>]<stamp> <file>:<line> <msg>" for rings 1 to 8. */
-void _log_ring(int ring, const char *level_name, const char *file, int line, const char *fmt, ...)
+/* Writes one ring line: "[<name>]<stamp> <file>:<line> <msg>" for slot 0,
+ * "[SLOT<slot>:<name>]<stamp> <file>:<line> <msg>" for a slot line.  Slots 1
+ * to 8 have their own ring; any other slot number goes into ring 0. */
+void _log_ring(int slot, const char *level_name, const char *file, int line, const char *fmt, ...)
     __attribute__((format(printf, 5, 6)));
 
 /* Maps a "-l" value ("DEBUG", "INFO", "WARNING", "ERROR", "CRITICAL"). */
@@ -126,11 +127,12 @@ int log_ring_copy(int ring, char (*lines)[LOG_LINE_SIZE], int max_lines);
         _log_ring(0, CM_LOG_NAME_##level, CM_LOG_FILE, __LINE__, fmt __VA_OPT__(, ) __VA_ARGS__); \
     } while (0)
 
-/* A line of slot `slot_id`; slot 0 (and any number without a ring) gives a daemon-wide line. */
+/* A line of slot `slot_id`; slot 0 gives a daemon-wide line.  A slot number
+ * above 8 keeps its "[SLOT%d]" tag but has no ring of its own: ring 0 takes it. */
 #define CM_LOG_SLOT(level, slot_id, fmt, ...)                                                 \
     do {                                                                                      \
         int cm_log_slot_ = (slot_id);                                                         \
-        if (cm_log_slot_ < 1 || cm_log_slot_ > MAX_SLOTS_FOR_9600) {                          \
+        if (cm_log_slot_ < 1) {                                                               \
             CM_LOG(level, fmt __VA_OPT__(, ) __VA_ARGS__);                                    \
             break;                                                                            \
         }                                                                                     \
@@ -237,7 +239,9 @@ int card_type_port_speed(int card_type);
 const char *card_type_name(int card_type);
 
 /* serial_no and uptime are read by the status report while a worker may
- * write them; these copy them under a short leaf lock. */
+ * write them; these copy them under a short leaf lock.  serial_no holds up
+ * to 32 bytes with no terminator when full: `serial` is read up to its NUL
+ * or 32 bytes, and readers of `out` must stop at 32 bytes too. */
 void slot_serial_set(int slot_id, const char *serial);
 void slot_serial_get(int slot_id, char out[SERIAL_NO_SIZE]);
 void slot_uptime_set(int slot_id, const struct timeval *tv);

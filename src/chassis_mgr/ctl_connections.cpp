@@ -62,10 +62,9 @@ CtlReceipt receive_first(CtlConnectionTable *table, int index, int64_t now_ms) {
     CtlConnection *conn = &table->conns[index];
     ssize_t got = recv(conn->fd, conn->bytes, CTL_BUF_SIZE, MSG_DONTWAIT);
     if (would_block(got)) return CTL_RECEIVED_NOTHING;
-    if (got < 0) {  // a broken connection is closed; only the end replays
-        ctl_conns_close(table, index);
-        return CTL_RECEIVED_NOTHING;
-    }
+    /* A connection that brings nothing, at its end or with a failed
+     * receive, is served the previous request again. */
+    if (got < 0) got = 0;
     conn->received = (uint32_t)got;
     conn->replay = got == 0;
 

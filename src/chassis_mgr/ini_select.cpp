@@ -51,14 +51,10 @@ bool release_is_safe(const char *release) {
     return true;
 }
 
-/* Decimal value of an EEPROM field; text without digits gives 0 and values
- * outside the int range are held at its ends. */
-int32_t decimal_value(const char *text) {
-    long value = strtol(text, nullptr, 10);
-    if (value > INT32_MAX) return INT32_MAX;
-    if (value < INT32_MIN) return INT32_MIN;
-    return (int32_t)value;
-}
+/* Decimal value of an EEPROM field, read like the card's VPD revision:
+ * strtol's result used as a 32-bit int (text without digits gives 0), so
+ * the same text gives the same revision from both. */
+int32_t decimal_value(const char *text) { return (int32_t)strtol(text, nullptr, 10); }
 
 /* Reads one field of the parsed INI EEPROM file; `value` holds room for a
  * terminator beyond the longest value. */

@@ -90,13 +90,15 @@ const char *_log_datestamp(void) {
     return g_datestamp;
 }
 
-void _log_ring(int ring, const char *level_name, const char *file, int line, const char *fmt, ...) {
-    if (ring < 0 || ring >= LOG_RING_COUNT) ring = 0;
+void _log_ring(int slot, const char *level_name, const char *file, int line, const char *fmt, ...) {
+    /* A slot without a ring (the INI poll names the next slot, 9 after 8)
+     * keeps its tag in the daemon-wide ring. */
+    int ring = slot >= 1 && slot < LOG_RING_COUNT ? slot : 0;
     MutexLock lock(&g_ring_lock);
     char *out = g_slot_log.log[ring][g_slot_log.tail[ring]];
-    int prefix = ring == 0
+    int prefix = slot < 1
         ? snprintf(out, LOG_LINE_SIZE, "[%s]%s %s:%d ", level_name, _log_datestamp(), file, line)
-        : snprintf(out, LOG_LINE_SIZE, "[SLOT%d:%s]%s %s:%d ", ring, level_name, _log_datestamp(), file, line);
+        : snprintf(out, LOG_LINE_SIZE, "[SLOT%d:%s]%s %s:%d ", slot, level_name, _log_datestamp(), file, line);
     if (prefix >= 0 && prefix < LOG_LINE_SIZE - 1) {
         va_list ap;
         va_start(ap, fmt);

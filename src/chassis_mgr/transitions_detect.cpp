@@ -25,23 +25,32 @@ namespace {
 constexpr int kRemovalMask = SLOT_PRESENT | SLOT_VERIFIED | SLOT_POWERED | SLOT_READY | SLOT_ACTIVE;
 static_assert(kRemovalMask == 59, "removal clears all bits but SLOT_SYNCED");
 
-/* Reads one VPD field into `value`; the text is always terminated, also when
- * the field fills the whole buffer. */
+/* Reads one VPD field into `value`: a value of `size` characters or more
+ * fills the buffer with no terminator. */
 void read_vpd_field(int slot_id, const char *field, char *value, int size) {
     char path[CM_PATH_SIZE];
     env_path(path, sizeof path, VPD_PATH_FMT, slot_id);
     get_vpd_value(path, field, value, size);
+}
+
+/* A VPD field read as C text (logged with %s, converted with strtol): the
+ * last byte is kept a terminator, so a part number or revision of 128
+ * characters or more is cut to 127. */
+void read_vpd_text(int slot_id, const char *field, char *value, int size) {
+    read_vpd_field(slot_id, field, value, size);
     value[size - 1] = '\0';
 }
 
-/* Serial number and hardware revision; a missing field leaves "ERROR" and 0. */
+/* Serial number and hardware revision; a missing field leaves "ERROR" and 0.
+ * The serial takes all 32 bytes of its field, unterminated when that long:
+ * every reader of serial_no stops at 32 bytes. */
 void read_card_identity(int slot_id) {
     char serial[SERIAL_NO_SIZE];
     read_vpd_field(slot_id, "SN_VPD_FIELD", serial, sizeof serial);
     slot_serial_set(slot_id, serial);
 
     char revision[VPD_VALUE_SIZE];
-    read_vpd_field(slot_id, "HW_REV_FIELD", revision, sizeof revision);
+    read_vpd_text(slot_id, "HW_REV_FIELD", revision, sizeof revision);
     g_slots_info[slot_id - 1].hw_revision = (int)strtol(revision, nullptr, 10);
 }
 
@@ -60,7 +69,7 @@ int get_card_type(int slot_id) {
     CM_ASSERT(slot_id >= 1 && slot_id <= MAX_SLOTS_FOR_9600);
     slotInfo *slot = &g_slots_info[slot_id - 1];
     char part[VPD_VALUE_SIZE];
-    read_vpd_field(slot_id, "PN_VPD_FIELD", part, sizeof part);
+    read_vpd_text(slot_id, "PN_VPD_FIELD", part, sizeof part);
 
     /* Prefixes only: suffixes name variants of the same card. */
     if (strncmp(part, "KTR9600-C16", 11) == 0) {

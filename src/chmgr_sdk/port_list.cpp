@@ -62,20 +62,14 @@ void write_entry(FILE *file, int line_no, int slot_id, int module_port, int loca
 /* The text of a line without its line end, for a log line of its own. */
 int line_text_length(const char *line) { return (int)strcspn(line, "\r\n"); }
 
-/* A field is a decimal number (text without digits reads as 0).  Values
- * are written back with "%d", so only 0 to INT_MAX survive a rewrite; a
- * negative or larger value makes the line malformed. */
-bool field_value(const char *text, uint32_t *value) {
-    errno = 0;
-    long number = strtol(text, nullptr, 10);
-    if (errno == ERANGE || number < 0 || number > INT_MAX) return false;
-    *value = (uint32_t)number;
-    return true;
-}
+/* A field is a decimal number read by strtol and kept in 32 unsigned bits
+ * (text without digits reads as 0).  Written back with "%d", any value
+ * reads back as the same 32 bits: -2 stays -2, 4294967295 becomes -1. */
+uint32_t field_value(const char *text) { return (uint32_t)strtol(text, nullptr, 10); }
 
 /* Parses one entry line.  Returns false for lines that carry no entry
  * (comments, blank lines, text) and sets *p_malformed for an entry line
- * with fewer than four fields or a field out of range. */
+ * with fewer than four fields, which has nothing to read a number from. */
 bool parse_entry_line(char *line, chmgr_port_list_t *entry, bool *p_malformed) {
     *p_malformed = false;
     if (line[0] == '#' || line[0] == '\0') return false;
@@ -93,13 +87,10 @@ bool parse_entry_line(char *line, chmgr_port_list_t *entry, bool *p_malformed) {
         *p_malformed = true;
         return false;
     }
-    uint32_t *values[4] = {&entry->line_no, &entry->slot_id, &entry->module_port, &entry->local_port};
-    for (int i = 0; i < 4; ++i) {
-        if (!field_value(fields[i], values[i])) {
-            *p_malformed = true;
-            return false;
-        }
-    }
+    entry->line_no = field_value(fields[0]);
+    entry->slot_id = field_value(fields[1]);
+    entry->module_port = field_value(fields[2]);
+    entry->local_port = field_value(fields[3]);
     return true;
 }
 

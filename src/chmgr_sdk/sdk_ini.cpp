@@ -19,8 +19,9 @@ constexpr int IN_USE_POLL_TRIES = 5;
 /* Room for one port more than a card has: a 17th port is kept and passed
  * on, so that the port list shows the firmware's excess. */
 constexpr int SLOT_PORT_LIST_ROOM = SDK_SLOT_PORT_CAPACITY + 1;
-/* INI images are a few kilobytes; anything above this is not an INI. */
-constexpr off_t INI_FILE_MAX_SIZE = 1024 * 1024;
+/* The transfer counts the bytes still to send in a signed 32-bit int, so
+ * that is the largest image it can stream. */
+constexpr off_t INI_FILE_MAX_SIZE = INT32_MAX;
 
 struct FileCloser {
     FILE *file;
@@ -66,11 +67,26 @@ bool transfer_ini_file(int slot_id, FILE *file, int32_t remaining) {
     return true;
 }
 
+/* `ini_file_name` as C text, also when it fills its whole field. */
+void ini_file_name_text(const iniInfo *p_ini_info, char (&name)[INI_FILE_NAME_SIZE + 1]) {
+    memcpy(name, p_ini_info->ini_file_name, INI_FILE_NAME_SIZE);
+    name[INI_FILE_NAME_SIZE] = '\0';
+}
+
+/* False, with a line, for an image whose size the transfer's count cannot
+ * hold.  A size that cannot be read passes: the transfer reports it. */
+bool ini_size_fits(int slot_id, const char *name) {
+    struct stat st;
+    if (stat(name, &st) != 0 || st.st_size <= INI_FILE_MAX_SIZE) return true;
+    CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "INI file %s is too large (%lld bytes, at most %lld)\n", name,
+                (long long)st.st_size, (long long)INI_FILE_MAX_SIZE);
+    return false;
+}
+
 /* Opens, measures and sends the image named in `ini_file_name`. */
 bool send_ini_image(int slot_id, const iniInfo *p_ini_info) {
     char name[INI_FILE_NAME_SIZE + 1];
-    memcpy(name, p_ini_info->ini_file_name, INI_FILE_NAME_SIZE);
-    name[INI_FILE_NAME_SIZE] = '\0';
+    ini_file_name_text(p_ini_info, name);
 
     FileCloser image{fopen(name, "rbe")};
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "INI File:%s\n", name);
@@ -83,11 +99,8 @@ bool send_ini_image(int slot_id, const iniInfo *p_ini_info) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to find find size of INI file %s\n", name);
         return false;
     }
-    if (st.st_size > INI_FILE_MAX_SIZE) {
-        CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "INI file %s is too large (%lld bytes, at most %lld)\n", name,
-                    (long long)st.st_size, (long long)INI_FILE_MAX_SIZE);
-        return false;
-    }
+    /* Checked before the reset; an image that grew since is still refused. */
+    if (!ini_size_fits(slot_id, name)) return false;
     if (!transfer_ini_file(slot_id, image.file, (int32_t)st.st_size)) return false;
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Finished programming INI and ready to apply\n");
     return true;
@@ -105,8 +118,8 @@ void poll_ini_in_use(int slot_id) {
         }
         env_sleep(1);
     }
-    /* Filed under the next slot's number on purpose; for slot 8 that number
-     * has no ring and the line becomes a daemon-wide one. */
+    /* Filed under the next slot's number on purpose; for slot 8 that is
+     * "[SLOT9]", which has no ring of its own and goes into ring 0. */
     CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id + 1, "unable to get INI in-use\n");
 }
 
@@ -203,6 +216,12 @@ bool sdk_reset_ini(int slot_id) {
 }
 
 bool sdk_program_ini(int slot_id, bool fw_reset, iniInfo *p_ini_info) {
+    /* An image that cannot be sent is refused while the slot still holds
+     * its INI and its ports: the reset would take both for nothing. */
+    char name[INI_FILE_NAME_SIZE + 1];
+    ini_file_name_text(p_ini_info, name);
+    if (!ini_size_fits(slot_id, name)) return false;
+
     if (fw_reset && !sdk_reset_ini(slot_id))
         CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Trying to program without resetting INI\n");
 

@@ -75,6 +75,19 @@ def test_summary_of_slot_3_is_record_zero_and_states_follow_the_card(sandbox, da
     assert records(reply, 1) == [(3, "SN00000003", "KTR9600-C16", 2, 5, "Operational", 0)]
 
 
+def test_a_32_character_serial_fills_its_32_bytes_in_the_summary_and_the_document(sandbox, daemon):
+    start_listening(sandbox, daemon)
+    serial = "SN-0123456789-ABCDEFGHIJ-KLMNOPQ"
+    assert len(serial) == 32
+    sandbox.insert(4, pn="KTR9600-C16", sn=serial, rev=2)  # no emulator yet: never powered
+    wait_until(lambda: slot_state(sandbox, 4) == "Offline", what="slot 4 to be offline")
+    reply = ctl_exchange(sandbox, ctl_request(SHOW_SUMMARY, 4))
+    assert reply[24 + 4:24 + 36] == serial.encode()
+    assert reply[24 + 36:24 + 68] == b"KTR9600-C16".ljust(32, b"\0")
+    document = json.loads(ctl_exchange(sandbox, ctl_request(DEBUG_SLOT, 4))[24:])
+    assert document["slot4"]["Serial No"] == serial
+
+
 def test_detail_logs_the_ini_line_of_a_single_slot_as_a_line_of_slot_1(sandbox, daemon):
     handle = start_listening(sandbox, daemon)
     bring_up(sandbox, 5, "SN00000005")

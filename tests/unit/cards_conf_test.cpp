@@ -204,8 +204,12 @@ TEST(CardsConfLine, SixthFieldCannotEndTheLineButTheSeventhStopsAtTheLineFeed) {
     EXPECT_EQ(entry.admin_state, "disable");
     ASSERT_EQ(cards_conf_parse_line("2 0G 0G 0G 1 Offline enable", &entry), CARDS_CONF_LINE_OK);
     EXPECT_EQ(entry.admin_state, "enable");
-    EXPECT_EQ(cards_conf_parse_line("2 4294967296G 0G 0G 1 Offline enable\n", &entry),
-              CARDS_CONF_LINE_NUMBER_RANGE);
+    ASSERT_EQ(cards_conf_parse_line("4294967298 4294967296G 0G 4294967396G -1 Offline enable\n", &entry),
+              CARDS_CONF_LINE_OK);
+    EXPECT_EQ(entry.slot_id, 2);
+    EXPECT_EQ(entry.detected_speed, 0);
+    EXPECT_EQ(entry.configured_speed, 100);
+    EXPECT_EQ(entry.dirty_flag, -1);
 }
 
 TEST(CardsConfLine, AdminWordDisablesByItsFirstSevenCharacters) {
@@ -363,18 +367,33 @@ TEST_F(CardsConfTest, StartupLoadLeavesTheMainFileOpenWhenItsTemporaryFileCannot
     for (int fd : left_open) close(fd);
 }
 
+TEST_F(CardsConfTest, StartupLoadDropsSlotZeroLinesSilently) {
+    write_conf("0 400G 0G 400G 1 Online disable\n"
+               "2 100G 0G 100G 1 Online enable\n"
+               "00 400G 0G 400G 1 Online enable\n"
+               "0abc 400G 400G 400G 1 Online disable\n"
+               "\t0 400G 0G 400G 1 Online disable\n");
+    ASSERT_TRUE(update_info_from_cards_conf());
+    EXPECT_EQ(conf(), "2       100G        0G               100G        0  Offline   enable\n");
+    EXPECT_TRUE(ring_lines(0).empty());
+    for (int n : {1, 3, 4, 5, 6, 7, 8}) {
+        expect_records_untouched(n);
+        EXPECT_TRUE(ring_lines(n).empty()) << n;
+    }
+    EXPECT_EQ(ring_lines(2).size(), 2u);
+}
+
 TEST_F(CardsConfTest, StartupLoadDropsSlotNumbersOutsideOneToEightWithALogLine) {
     write_conf("# header\n"
                "0 400G 0G 400G 1 Online disable\n"
                "9 400G 0G 400G 1 Online disable\n"
                "-1 400G 0G 400G 1 Online disable\n"
                "2147483648 400G 0G 400G 1 Online disable\n"
-               "4294967299 400G 0G 400G 1 Online disable\n"
+               "99999999999999999999 400G 0G 400G 1 Online disable\n"
                "3abc 100G 0G 100G 1 Online enable\n");
     ASSERT_TRUE(update_info_from_cards_conf());
     EXPECT_EQ(conf(), data_line(3, 100, 0, 100, 0, "Offline", "enable"));
-    EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{dropped(2, "slot number outside 1 to 8"),
-                                                            dropped(3, "slot number outside 1 to 8"),
+    EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{dropped(3, "slot number outside 1 to 8"),
                                                             dropped(4, "slot number outside 1 to 8"),
                                                             dropped(5, "slot number outside 1 to 8"),
                                                             dropped(6, "slot number outside 1 to 8")}));
@@ -396,12 +415,18 @@ TEST_F(CardsConfTest, StartupLoadDropsADataLineWithMissingFields) {
     EXPECT_TRUE(ring_lines(4).empty());
 }
 
-TEST_F(CardsConfTest, StartupLoadDropsALineWithANumberBeyondAnInt) {
-    write_conf("5 0G 0G 4294967396G 0 Offline enable\n");
+TEST_F(CardsConfTest, StartupLoadReadsNumbersBeyondAnIntAs32BitInts) {
+    write_conf("5 0G 0G 4294967396G 0 Offline enable\n"
+               "4294967299 400G 4294967696G 400G 1 Online disable\n"
+               "4294967296 400G 0G 400G 1 Online disable\n");
     ASSERT_TRUE(update_info_from_cards_conf());
-    EXPECT_EQ(conf(), "");
-    EXPECT_EQ(normalized_ring(0), std::vector<std::string>{dropped(1, "number out of range")});
-    expect_records_untouched(5);
+    EXPECT_EQ(conf(), "5       0G        0G               100G        0  Offline   enable\n"
+                      "3       400G        400G               400G        0  Offline   disable\n");
+    EXPECT_TRUE(ring_lines(0).empty());
+    EXPECT_EQ(slot(5).card_type, CARD_TYPE_16X100G);
+    EXPECT_EQ(slot(3).disabled, 1);
+    EXPECT_EQ(slot(3).provisioned, 1);
+    EXPECT_EQ(slot(3).provisioned_type, CARD_TYPE_4X400G);
 }
 
 TEST_F(CardsConfTest, StartupLoadReadsALineOnlyUpToANulByte) {
@@ -561,11 +586,17 @@ TEST_F(CardsConfTest, QueryTakesTheConfiguredSpeedAsItsFourthField) {
     EXPECT_EQ(normalized_ring(0).back(), info_line("From cards.conf slot = 5, speed = 100G\n\n"));
 }
 
-TEST_F(CardsConfTest, QueryIgnoresOtherSlotsAndOutOfRangeNumbers) {
-    write_conf("13 0G 0G 100G 0 Offline enable\n4294967298 0G 0G 100G 0 Offline enable\n"
-               "2 0G 0G 4294967296G 0 Offline enable\n");
+TEST_F(CardsConfTest, QueryIgnoresOtherSlots) {
+    write_conf("13 0G 0G 100G 0 Offline enable\n10 0G 0G 100G 0 Offline enable\n");
     EXPECT_FALSE(check_cards_conf_for_valid_card(2));
     EXPECT_TRUE(ring_lines(2).empty());
+}
+
+TEST_F(CardsConfTest, QueryReadsNumbersAs32BitInts) {
+    write_conf("2 0G 0G 4294967296G 0 Offline enable\n4294967298 0G 0G 4294967396G 0 Offline enable\n");
+    EXPECT_TRUE(check_cards_conf_for_valid_card(2));
+    EXPECT_EQ(normalized_ring(2),
+              std::vector<std::string>{slot_info_line(2, "cards.conf entry valid for slot with speed 100G\n")});
 }
 
 /* ---- update_cards_conf ------------------------------------------------- */
@@ -759,9 +790,9 @@ TEST_F(CardsConfTest, SingleFieldWritersRewriteOtherSlotNumbersButDropUnusableLi
                std::string(250, 'e') + "\n");
     EXPECT_TRUE(cards_conf_clear_dirty_bits());
     EXPECT_EQ(conf(), data_line(0, 0, 0, 0, 0, "Offline", "enable") + data_line(9, 0, 0, 0, 0, "Offline", "enable") +
-                          data_line(3, 0, 0, 0, 0, "Offline", "enable"));
-    EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{dropped(4, "number out of range"),
-                                                            dropped(5, "fewer than seven fields"),
+                          data_line(3, 0, 0, 0, 0, "Offline", "enable") +
+                          data_line(INT_MIN, 0, 0, 0, 0, "Offline", "enable"));
+    EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{dropped(5, "fewer than seven fields"),
                                                             dropped(6, "rewritten line would exceed 255 characters")}));
 }
 

@@ -128,6 +128,19 @@ TEST_F(CtlConnectionsTest, EndOfStreamFirstReplaysThePreviousRequest) {
     EXPECT_EQ(table_.conns[ready].received, 0u);
 }
 
+TEST_F(CtlConnectionsTest, FailedFirstReceiveReplaysThePreviousRequest) {
+    int peer = connect_at(0);
+    /* A peer that closes with bytes it never read resets the connection. */
+    ASSERT_EQ(send(table_.conns[0].fd, "x", 1, 0), 1);
+    close(peer);
+    peers_.clear();
+    receive_all(0);  // the receive fails with ECONNRESET
+    int ready = ctl_conns_next_ready(&table_);
+    ASSERT_NE(ready, -1);
+    EXPECT_TRUE(table_.conns[ready].replay);
+    EXPECT_EQ(table_.conns[ready].received, 0u);
+}
+
 TEST_F(CtlConnectionsTest, OneConnectionTooManyClosesTheOldestWaitingOne) {
     int oldest = connect_at(0);
     for (int i = 1; i < kCtlMaxConnections; ++i) connect_at(i);

@@ -115,6 +115,12 @@ TEST_F(DebugTriggerTest, HugeNumberIsReadWithoutHarm) {
     EXPECT_TRUE(slot_keys(root.read(kDocument)).empty());
 }
 
+TEST_F(DebugTriggerTest, NumberBeyondAnIntIsReadAsStrtolsResultUsedAsAnInt) {
+    trigger("4294967299\n");
+    EXPECT_EQ(normalized_ring(0).back(), info("SLOT ID read = 3\n"));
+    EXPECT_EQ(slot_keys(root.read(kDocument)), (std::vector<std::string>{"slot3"}));
+}
+
 TEST_F(DebugTriggerTest, NegativeNumberGivesOnlyTheChassisPart) {
     trigger("-1\n");
     EXPECT_EQ(normalized_ring(0).back(), info("SLOT ID read = -1\n"));

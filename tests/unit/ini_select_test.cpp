@@ -338,12 +338,14 @@ TEST_F(IniSelectTest, NonNumericEepromValuesReadAsZeroOrTheirLeadingDigits) {
     EXPECT_EQ(ini.card_type, 0);
 }
 
-TEST_F(IniSelectTest, HugeEepromValuesAreHeldAtTheIntRange) {
-    eeprom(4, "HW_REVISION: " + std::string(200, '9') + "\nMINOR_INI_VERSION: -99999999999\nCARD_TYPE: 3\n", "");
+TEST_F(IniSelectTest, HugeEepromValuesAreReadAsStrtolsResultUsedAsAnInt) {
+    eeprom(4, "HW_REVISION: 4294967298\nMINOR_INI_VERSION: -99999999999\nCARD_TYPE: " + std::string(200, '9') + "\n",
+           "");
     iniInfo ini{};
     EXPECT_TRUE(get_lc_eeprom_ini_info(4, &ini));
-    EXPECT_EQ(ini.hw_revision, INT32_MAX);
-    EXPECT_EQ(ini.minor, INT32_MIN);
+    EXPECT_EQ(ini.hw_revision, 2);  // as a card whose VPD revision reads 4294967298
+    EXPECT_EQ(ini.minor, -1215752191);
+    EXPECT_EQ(ini.card_type, -1);  // beyond strtol: LONG_MAX, whose low 32 bits are -1
 }
 
 /* ---- assertions -------------------------------------------------------- */

@@ -34,6 +34,16 @@ TEST_F(LogTest, SlotErrorLineCarriesTheSlotTagInBothPlaces) {
     EXPECT_EQ(normalized_ring(3)[0], "[SLOT3:ERR]<T> log_test.cpp:<N> Unable to open file /path\n");
 }
 
+TEST_F(LogTest, SlotLineAboveEightKeepsItsTagAndGoesIntoTheDaemonRing) {
+    ConsoleCapture console;
+    int line = __LINE__ + 1;
+    CM_LOG_SLOT(LOG_LEVEL_ERR, 9, "unable to get INI in-use\n");
+    EXPECT_EQ(console.text(), "[SLOT9] log_test.cpp:" + std::to_string(line) + " ERR unable to get INI in-use\n");
+    ASSERT_EQ(ring_lines(0).size(), 1u);
+    EXPECT_EQ(normalized_ring(0)[0], "[SLOT9:ERR]<T> log_test.cpp:<N> unable to get INI in-use\n");
+    for (int ring = 1; ring <= 8; ++ring) EXPECT_TRUE(ring_lines(ring).empty()) << ring;
+}
+
 TEST_F(LogTest, InfoHasNoConsoleWordAndWarnHasOne) {
     ConsoleCapture console;
     CM_LOG_SLOT(LOG_LEVEL_INFO, 1, "Received event\n");
@@ -119,13 +129,11 @@ TEST_F(LogTest, SlotZeroWritesTheGlobalForms) {
     EXPECT_EQ(normalized_ring(0)[0], "[ERR]<T> log_test.cpp:<N> Unable to start timer\n");
 }
 
-TEST_F(LogTest, SlotWithoutARingWritesTheGlobalForms) {
+TEST_F(LogTest, NegativeSlotWritesTheGlobalForms) {
     ConsoleCapture console;
-    CM_LOG_SLOT(LOG_LEVEL_ERR, 9, "unable to get INI in-use\n");
     CM_LOG_SLOT(LOG_LEVEL_INFO, -1, "negative\n");
-    EXPECT_EQ(normalize(console.text()),
-              "log_test.cpp:<N> ERR unable to get INI in-use\nlog_test.cpp:<N> negative\n");
-    EXPECT_EQ(ring_lines(0).size(), 2u);
+    EXPECT_EQ(normalize(console.text()), "log_test.cpp:<N> negative\n");
+    EXPECT_EQ(normalized_ring(0), std::vector<std::string>{"[INFO]<T> log_test.cpp:<N> negative\n"});
 }
 
 TEST_F(LogTest, MessageWithoutNewlineStaysWithoutOne) {

@@ -5,6 +5,7 @@
  * the simulator's call log.
  */
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "chmgr_sdk.h"
 #include "test_support.h"
@@ -224,13 +225,30 @@ TEST_F(SdkIniTest, UnreadableImageFailsTheTransfer) {
     EXPECT_EQ(calls(), "");
 }
 
-TEST_F(SdkIniTest, ImageLargerThanOneMebibyteIsRefused) {
-    iniInfo ini = image(1024 * 1024 + 1);
-    EXPECT_FALSE(sdk_program_ini(3, false, &ini));
-    EXPECT_EQ(normalized_ring(3).back(),
-              "[SLOT3:ERR]<T> sdk_ini.cpp:<N> INI file " + root_.at(kImage) +
-                  " is too large (1048577 bytes, at most 1048576)\n");
+TEST_F(SdkIniTest, ImageOf1100000BytesIsStreamedIn2148ChunksOf512AndOneOf224) {
+    iniInfo ini = image(1100000);
+    EXPECT_TRUE(sdk_program_ini(3, true, &ini));
+    std::string chunks;
+    for (int i = 0; i < 2148; ++i) chunks += data_call(3, 512, 0);
+    chunks += data_call(3, 224, 1);
+    EXPECT_EQ(calls(), op_call(3, "RESET") + chunks + op_call(3, "APPLY") + data_call(3, 0, 0) + mapping_call());
+    EXPECT_EQ(root_.read(sim("slot3/ini_image")), image_bytes(1100000));
+    EXPECT_EQ(console().find("too large"), std::string::npos);
+}
+
+TEST_F(SdkIniTest, ImageBeyondTheSigned32BitCountIsRefusedBeforeTheReset) {
+    root_.write(kPortList, kPortListHeader + port_list_entry(0, 3, 1, 1));
+    root_.write(sim("slot3/ini_identity"), "3 2 5\n");
+    iniInfo ini = image(0);
+    /* Sparse: 2 GiB of size without 2 GiB of disk. */
+    ASSERT_EQ(truncate(root_.at(kImage).c_str(), (off_t)INT32_MAX + 1), 0);
+    EXPECT_FALSE(sdk_program_ini(3, true, &ini));
     EXPECT_EQ(calls(), "");
+    EXPECT_EQ(normalized_ring(3), std::vector<std::string>{"[SLOT3:ERR]<T> sdk_ini.cpp:<N> INI file " +
+                                                           root_.at(kImage) +
+                                                           " is too large (2147483648 bytes, at most 2147483647)\n"});
+    EXPECT_EQ(root_.read(kPortList), kPortListHeader + port_list_entry(0, 3, 1, 1));
+    EXPECT_EQ(root_.read(sim("slot3/ini_identity")), "3 2 5\n");
 }
 
 TEST_F(SdkIniTest, FailedChunkStopsTheTransfer) {
@@ -297,13 +315,19 @@ TEST_F(SdkIniTest, NeverInUseLogsUnderTheNextSlotAndStillSucceeds) {
     EXPECT_EQ(root_.read(kPortList), kPortListHeader + card_entries(3));
 }
 
-TEST_F(SdkIniTest, NeverInUseOnSlotEightGoesToTheDaemonRing) {
+TEST_F(SdkIniTest, NeverInUseOnSlotEightIsTaggedSlot9InTheDaemonRing) {
     root_.write(sim("slot8/ini_status_script"), "0 0 0 0 0\n");
     iniInfo ini = image(100);
     EXPECT_TRUE(sdk_program_ini(8, false, &ini));
     std::vector<std::string> ring0 = normalized_ring(0);
-    EXPECT_NE(std::find(ring0.begin(), ring0.end(), "[ERR]<T> sdk_ini.cpp:<N> unable to get INI in-use\n"), ring0.end());
-    EXPECT_NE(console().find("\nsdk_ini.cpp:<N> ERR unable to get INI in-use\n"), std::string::npos);
+    ASSERT_FALSE(ring0.empty());
+    EXPECT_EQ(ring0.front(), "[SLOT9:ERR]<T> sdk_ini.cpp:<N> unable to get INI in-use\n");
+    EXPECT_NE(console().find("\n[SLOT9] sdk_ini.cpp:<N> ERR unable to get INI in-use\n"), std::string::npos);
+    EXPECT_EQ(console().find("\nsdk_ini.cpp:<N> ERR unable to get INI in-use\n"), std::string::npos);
+    std::vector<std::string> ring8 = normalized_ring(8);
+    EXPECT_EQ(std::count_if(ring8.begin(), ring8.end(),
+                            [](const std::string &line) { return line.find("unable to get INI") != std::string::npos; }),
+              0);
 }
 
 /* ---- programming: port read-back -------------------------------------- */

@@ -155,8 +155,20 @@ TEST_F(DetectTest, OverlongValuesAreCutToTheirBuffers) {
     EXPECT_TRUE(present_transition(kSlot));
 
     EXPECT_EQ(slot().card_type, CARD_TYPE_16X100G);
-    EXPECT_EQ(serial_of(kSlot), std::string(SERIAL_NO_SIZE - 1, 'S'));
+    EXPECT_EQ(serial_of(kSlot), std::string(SERIAL_NO_SIZE, 'S'));
     EXPECT_EQ(slot().trans_timer.state_monitored, slot_verified_event);
+}
+
+TEST_F(DetectTest, SerialOf32CharactersIsKeptWhole) {
+    std::string serial = "SN-0123456789-ABCDEFGHIJ-KLMNOPQ";
+    ASSERT_EQ(serial.size(), 32u);
+    root_.write(kVpdPath, vpd("KTR9600-C4", serial));
+
+    EXPECT_TRUE(present_transition(kSlot));
+
+    char field[SERIAL_NO_SIZE];
+    slot_serial_get(kSlot, field);
+    EXPECT_EQ(std::string(field, SERIAL_NO_SIZE), serial);
 }
 
 TEST_F(DetectTest, OverlongUnsupportedPartIsLoggedCut) {
