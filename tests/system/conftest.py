@@ -29,6 +29,10 @@ wait_in_main_loop(handle, pid=None), wait_debug_trigger_watched(handle, root=Non
           thread watches the trigger file (before asking for a document).
 console_lines(handle, keepends=False)
           the daemon's console lines with ".cpp:<line> " made ".cpp:<N> ".
+journal_stream_of(path)
+          the JOURNAL_STREAM value naming a file (its "<dev>:<ino>"); with
+          DaemonFactory.next_console_path() it makes a daemon's stdout file
+          its journal stream.
 CTL_HEADER, ctl_request(cmd, slot, seq=1, card_type=0, length=24)
           the 24-byte control header (cmd, len, seq, slot_no, status,
           card_type) and a packed request.
@@ -542,6 +546,13 @@ class DaemonFactory:
         self.started.append(handle)
         return handle
 
+    def next_console_path(self):
+        """The file that will be the stdout of the next daemon started,
+        created now (start() truncates it in place, keeping its inode)."""
+        path = self.sandbox.base / f"daemon{len(self.started)}.out"
+        path.touch()
+        return path
+
     def close(self):
         """Kills every daemon started; returns descriptions of unexpected exits."""
         unexpected = []
@@ -685,6 +696,12 @@ CONSOLE_LINE_NUMBER = re.compile(r"(\.cpp):\d+ ")
 def console_lines(handle, keepends=False):
     """Console lines with line numbers replaced by <N>."""
     return [CONSOLE_LINE_NUMBER.sub(r"\1:<N> ", line) for line in handle.console().splitlines(keepends=keepends)]
+
+
+def journal_stream_of(path):
+    """The JOURNAL_STREAM value ("<dev>:<ino>") naming the file `path`."""
+    st = os.stat(path)
+    return f"{st.st_dev}:{st.st_ino}"
 
 
 # ---------------------------------------------------------------- control socket

@@ -111,6 +111,7 @@ class ConsoleCapture {
         fseek(file_, 0, SEEK_END);
         return out;
     }
+    FILE *stream() const { return file_; }
 
   private:
     FILE *file_;
