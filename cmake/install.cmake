@@ -5,7 +5,8 @@
 #           the tmpfiles rule, the options file, the cards.conf template and
 #           example, bash completion, operator documentation;
 #   sim     the simulated chassis: the hardware emulator and the demo tool
-#           with their documentation.
+#           with their manual pages and documentation, and the systemctl
+#           stand-in the demo runs the daemon with.
 #
 #   cmake --install BUILD --prefix /usr                      # everything
 #   DESTDIR=/tmp/stage cmake --install BUILD --prefix /usr --component sim
@@ -74,6 +75,11 @@ install(PROGRAMS "${_chmgr_src}/tools/chmgr-hwemu"
         DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT sim)
 install(PROGRAMS "${_chmgr_src}/tools/chmgr-demo"
         DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT sim OPTIONAL)
+install(FILES "${_chmgr_src}/docs/man/chmgr-hwemu.1" "${_chmgr_src}/docs/man/chmgr-demo.1"
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT sim)
+# The demo's systemctl: records the reloads it is asked for, reloads nothing.
+install(PROGRAMS "${_chmgr_src}/tests/system/standins/recorder.py"
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/chassis-mgr-sim" RENAME systemctl COMPONENT sim)
 install(FILES "${_chmgr_src}/docs/simulator.md"
         DESTINATION "${CHMGR_SIM_DOCDIR}" COMPONENT sim)
 install(FILES "${_chmgr_src}/docs/hardware-emulator.md"

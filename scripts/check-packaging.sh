@@ -3,7 +3,8 @@
 #   1. the packages build from a clean export of the tree (scripts/package.sh);
 #   2. lintian finds no error in them (warnings are printed, not fatal);
 #   3. each .deb holds exactly the files of packaging/expected/PACKAGE.list;
-#   4. the packaged programs run, the maintainer scripts parse, the cards.conf
+#   4. the packaged programs run, the packaged demonstration runs from the
+#      extracted packages, the maintainer scripts parse, the cards.conf
 #      template has its eight lines, the tmpfiles rule creates what it should;
 #   5. `systemd-analyze verify` accepts the packaged unit, and its sandboxing
 #      does not drop below the level it has now (offline security review);
@@ -135,6 +136,28 @@ check_programs() {
         echo "  chmgr-hwemu --help failed"
         return 1
     fi
+    if ! /usr/bin/python3 "$root/usr/bin/chmgr-demo" --help > /dev/null; then
+        echo "  chmgr-demo --help failed"
+        return 1
+    fi
+}
+
+# Runs the packaged demonstration from the extracted packages, as installed:
+# it must find the daemon, chmgrctl, the emulator and the systemctl stand-in
+# there, and nothing of the source tree.
+check_demo() {
+    local output status
+    output=$(cd "$scratch" && env -u CHMGR_BUILD_DIR -u CHMGR_ROOT \
+        "$root/usr/bin/chmgr-demo" --scale 0.005 --timeout 60 2>&1); status=$?
+    if [ "$status" -ne 0 ]; then
+        printf '  %s\n' "$output" | tail -n 20
+        echo "  chmgr-demo exited with status $status"
+        return 1
+    fi
+    grep -q '^Done: slot 6 is empty again' <<< "$output" \
+        || { echo "  chmgr-demo did not reach its last step"; return 1; }
+    grep -q '^\$ chmgrctl show ' <<< "$output" \
+        || { echo "  chmgr-demo showed no chmgrctl output"; return 1; }
 }
 
 check_maintainer_scripts() {
@@ -182,6 +205,7 @@ check_tmpfiles_rule() {
 
 echo "=== package contents"
 check_programs; record "packaged programs run (-V banner, exit status 10, --help)" $?
+check_demo; record "packaged chmgr-demo runs from the installed paths" $?
 check_maintainer_scripts; record "maintainer scripts parse and create the group first" $?
 check_cards_conf_template; record "cards.conf template: eight lines in the data-line format" $?
 check_tmpfiles_rule; record "tmpfiles rule: /run/chassismgr 2750 root:chassismgr, debug trigger" $?

@@ -100,6 +100,12 @@ const char *_log_datestamp(void);
 void _log_ring(int slot, const char *level_name, const char *file, int line, const char *fmt, ...)
     __attribute__((format(printf, 5, 6)));
 
+/* Compares the console stream with the journal stream the service manager
+ * named (JOURNAL_STREAM): when they are the same, every console line starts
+ * with its syslog priority "<N>" from then on; otherwise the console is
+ * written exactly as it is formatted.  Called whenever the console stream
+ * changes; returns whether the console is the journal. */
+bool log_console_follow_journal(void);
 /* Maps a "-l" value ("DEBUG", "INFO", "WARNING", "ERROR", "CRITICAL"). */
 bool log_level_from_name(const char *name, log_level_e *level);
 /* Copies ring `ring` oldest first into `lines`; returns the line count (at most 24). */

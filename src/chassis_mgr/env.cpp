@@ -7,12 +7,16 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <charconv>
 #include <string_view>
 
 namespace {
 
 char g_root[ENV_ROOT_MAX + 1];
 double g_time_scale = 1.0;
+bool g_journal_stream_set = false;
+dev_t g_journal_dev = 0;
+ino_t g_journal_ino = 0;
 
 /* A root ends up inside shell commands ("echo 255 >> PATH"), so only
  * characters that need no quoting are accepted. */
@@ -53,7 +57,35 @@ bool parse_time_scale(const char *text, double *scale, char *err, size_t err_siz
     return true;
 }
 
+/* One unsigned decimal number filling `text` exactly. */
+template <typename T>
+bool parse_decimal(std::string_view text, T *value) {
+    if (text.empty()) return false;
+    auto result = std::from_chars(text.data(), text.data() + text.size(), *value);
+    return result.ec == std::errc() && result.ptr == text.data() + text.size();
+}
+
 }  // namespace
+
+void env_configure_journal_stream(const char *text) {
+    g_journal_stream_set = false;
+    std::string_view value = text ? text : "";
+    size_t colon = value.find(':');
+    if (colon == std::string_view::npos) return;
+    uint64_t dev = 0;
+    uint64_t ino = 0;
+    if (!parse_decimal(value.substr(0, colon), &dev) || !parse_decimal(value.substr(colon + 1), &ino)) return;
+    g_journal_dev = (dev_t)dev;
+    g_journal_ino = (ino_t)ino;
+    g_journal_stream_set = true;
+}
+
+bool env_journal_stream(dev_t *dev, ino_t *ino) {
+    if (!g_journal_stream_set) return false;
+    *dev = g_journal_dev;
+    *ino = g_journal_ino;
+    return true;
+}
 
 bool env_configure(const char *root, const char *time_scale, char *err, size_t err_size) {
     std::string_view root_text = root ? root : "";
@@ -77,6 +109,7 @@ bool env_init(void) {
         fprintf(stderr, "chassis-mgr: %s\n", err);
         return false;
     }
+    env_configure_journal_stream(getenv("JOURNAL_STREAM"));
     return true;
 }
 

@@ -5,6 +5,10 @@
  * sandbox directory, and CHMGR_TIME_SCALE multiplies every sleep and timer
  * period, so the same binary runs in tests and demonstrations.
  *
+ * JOURNAL_STREAM, set by the service manager when standard output is
+ * connected to the journal, names that stream; the console then marks each
+ * line with its priority.
+ *
  * The variables are read once, by env_init() at start-up; nothing else in
  * the daemon reads the environment.
  */
@@ -13,6 +17,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/types.h>
 #include <time.h>
 
 /* Exit status for a refused environment (as for a bad argument). */
@@ -30,6 +35,14 @@ bool env_init(void);
  * On refusal writes the reason into `err` and returns false, changing nothing.
  * env_init() uses it; unit tests call it directly. */
 bool env_configure(const char *root, const char *time_scale, char *err, size_t err_size);
+
+/* Takes a JOURNAL_STREAM value, "<dev>:<ino>" in decimal; null, empty or
+ * any other form means no journal stream.  env_init() uses it; unit tests
+ * call it directly. */
+void env_configure_journal_stream(const char *text);
+
+/* Device and inode of the journal stream; false when there is none. */
+bool env_journal_stream(dev_t *dev, ino_t *ino);
 
 /* The root ("" when none). */
 const char *env_root(void);

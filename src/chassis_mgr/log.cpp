@@ -7,10 +7,14 @@
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
 
+#include <string_view>
+
 #include "chassis_mgr.h"
+#include "env.h"
 
 log_level_e g_log_level = LOG_LEVEL_INFO;
 FILE *g_log_fd = nullptr;
@@ -55,27 +59,102 @@ class SigpipeBlocked {
     bool already_pending_ = false;
 };
 
-void log_vconsole(const char *fmt, va_list ap) {
+/* Set when the console stream is the journal's: each console line then
+ * starts with "<N>", its syslog priority, which the journal turns into the
+ * entry's priority and strips from the text. */
+relaxed<int> g_console_to_journal;
+/* The journal's last console line has no newline yet (written under the
+ * stream's lock), so the text that continues it gets no second prefix. */
+bool g_console_mid_line;
+
+/* Messages without a level word are informational; a line printed whatever
+ * the threshold is a notice. */
+int syslog_priority(log_level_e level) {
+    switch (level) {
+    case LOG_LEVEL_CRIT: return 2;
+    case LOG_LEVEL_ERR: return 3;
+    case LOG_LEVEL_WARN: return 4;
+    case LOG_LEVEL_INFO: return 6;
+    case LOG_LEVEL_DEBUG: return 7;
+    default: return 5;
+    }
+}
+
+/* Writes `text` with the priority prefix at the start of every line. */
+void write_journal_text(FILE *out, int priority, std::string_view text) {
+    flockfile(out);
+    while (!text.empty()) {
+        if (!g_console_mid_line) fprintf(out, "<%d>", priority);
+        size_t newline = text.find('\n');
+        size_t length = newline == std::string_view::npos ? text.size() : newline + 1;
+        fwrite(text.data(), 1, length, out);
+        g_console_mid_line = newline == std::string_view::npos;
+        text.remove_prefix(length);
+    }
+    fflush(out);
+    funlockfile(out);
+}
+
+void log_vjournal(FILE *out, log_level_e level, const char *fmt, va_list ap) {
+    char line[1024];
+    va_list again;
+    va_copy(again, ap);
+    int length = vsnprintf(line, sizeof line, fmt, ap);
+    if (length < 0) {
+        va_end(again);
+        return;
+    }
+    if ((size_t)length < sizeof line) {
+        write_journal_text(out, syslog_priority(level), std::string_view(line, length));
+    } else {
+        /* The console line is never cut: a long one is formatted on the heap. */
+        char *long_line = (char *)malloc((size_t)length + 1);
+        if (long_line) {
+            vsnprintf(long_line, (size_t)length + 1, fmt, again);
+            write_journal_text(out, syslog_priority(level), std::string_view(long_line, length));
+            free(long_line);
+        }
+    }
+    va_end(again);
+}
+
+void log_vconsole(log_level_e level, const char *fmt, va_list ap) {
     FILE *out = g_log_fd ? g_log_fd : stderr;
     SigpipeBlocked no_sigpipe;
+    if (g_console_to_journal) {
+        log_vjournal(out, level, fmt, ap);
+        return;
+    }
     vfprintf(out, fmt, ap);
     fflush(out);
 }
 
 }  // namespace
 
-void _log_log(log_level_e, const char *fmt, int fmt_len, ...) {
+void _log_log(log_level_e level, const char *fmt, int fmt_len, ...) {
     va_list ap;
     va_start(ap, fmt_len);
-    log_vconsole(fmt, ap);
+    log_vconsole(level, fmt, ap);
     va_end(ap);
 }
 
-void _log_log_slot(log_level_e, const char *fmt, int fmt_len, ...) {
+void _log_log_slot(log_level_e level, const char *fmt, int fmt_len, ...) {
     va_list ap;
     va_start(ap, fmt_len);
-    log_vconsole(fmt, ap);
+    log_vconsole(level, fmt, ap);
     va_end(ap);
+}
+
+bool log_console_follow_journal(void) {
+    FILE *out = g_log_fd ? g_log_fd : stderr;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    struct stat st;
+    bool journal = env_journal_stream(&dev, &ino) && fstat(fileno(out), &st) == 0 && st.st_dev == dev &&
+                   st.st_ino == ino;
+    g_console_mid_line = false;
+    g_console_to_journal = journal ? 1 : 0;
+    return journal;
 }
 
 const char *_log_datestamp(void) {

@@ -229,12 +229,14 @@ int chassis_mgr_main(int argc, char **argv) {
     if (pid_fd < 0) return EXIT_HALT;
 
     g_log_fd = stdout;
+    log_console_follow_journal();
     if (daemonize) {
         int rv = daemon(0, 0);
         if (rv != 0) {
             CM_LOG(LOG_LEVEL_ERR, "daemon call failed with rv %d\n", rv);
             return EXIT_HALT;
         }
+        log_console_follow_journal();  // standard output is now the null device
     }
     if (!write_pid(pid_fd, pid_path)) return EXIT_HALT;
 

@@ -32,6 +32,10 @@ console_lines(handle, keepends=False)
 console_records(handle)
           the console cut into the texts of single log calls (a message
           without a line feed is continued by the next writer, any thread).
+journal_stream_of(path)
+          the JOURNAL_STREAM value naming a file (its "<dev>:<ino>"); with
+          DaemonFactory.next_console_path() it makes a daemon's stdout file
+          its journal stream.
 CTL_HEADER, ctl_request(cmd, slot, seq=1, card_type=0, length=24)
           the 24-byte control header (cmd, len, seq, slot_no, status,
           card_type) and a packed request.
@@ -583,6 +587,13 @@ class DaemonFactory:
         self.started.append(handle)
         return handle
 
+    def next_console_path(self):
+        """The file that will be the stdout of the next daemon started,
+        created now (start() truncates it in place, keeping its inode)."""
+        path = self.sandbox.base / f"daemon{len(self.started)}.out"
+        path.touch()
+        return path
+
     def close(self):
         """Kills every daemon started; returns descriptions of unexpected exits."""
         unexpected = []
@@ -743,6 +754,12 @@ def console_records(handle):
     starts = [match.start() for match in CONSOLE_RECORD_START.finditer(text)]
     bounds = zip(starts, starts[1:] + [len(text)])
     return [CONSOLE_LINE_NUMBER.sub(r"\1:<N> ", text[start:end], count=1) for start, end in bounds]
+
+
+def journal_stream_of(path):
+    """The JOURNAL_STREAM value ("<dev>:<ino>") naming the file `path`."""
+    st = os.stat(path)
+    return f"{st.st_dev}:{st.st_ino}"
 
 
 # ---------------------------------------------------------------- control socket

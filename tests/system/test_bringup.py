@@ -356,7 +356,8 @@ def test_vpd_of_4095_bytes_or_more_warns_and_the_card_comes_up(sandbox, daemon):
 
 def test_card_never_ready_is_reported_after_25_polls_and_still_activated(sandbox, daemon):
     handle, _ = start_chassis(sandbox, daemon)
-    sandbox.insert(3)  # the SDK never reports this card ready
+    sandbox.sim_set("slot3/ready", "0")  # the SDK never reports this card ready
+    sandbox.insert(3)
 
     wait_online(sandbox, handle, 3)
 

@@ -2,9 +2,11 @@
 coming into service and one going away, and leaves nothing behind."""
 
 import glob
+import os
+import shutil
 import subprocess
 
-from conftest import REPO, daemon_binary, timeout_factor
+from conftest import RECORDER, REPO, daemon_binary, timeout_factor
 
 DEMO = REPO / "tools" / "chmgr-demo"
 
@@ -24,6 +26,24 @@ def last_table(output):
     return rows
 
 
+STEP_TITLES = [
+    "chassis-mgr runs on the emulated chassis: eight empty slots.",
+    "Both cards are in service (cards.conf 'Online', LED green).",
+    "Done: slot 6 is empty again (its ports stay configured in cards.conf), slot 3 stays in service.",
+]
+TABLE_HEADER = ("slot  card         pre ver pow syn rdy act  daemon state        cards.conf"
+                "              LED     ports")
+SHOW_HEADER = "SLOT  CARD TYPE    SERIAL NO      STATE        INI  PROVISIONED"
+
+
+def show_rows(output, heading):
+    """The rows of slots 3 and 6 in the `chmgrctl show` printed under `heading`."""
+    lines = output.splitlines()
+    start = lines.index(f"$ chmgrctl show    # {heading}")
+    assert lines[start + 1] == SHOW_HEADER
+    return [lines[start + 1 + slot] for slot in (3, 6)]
+
+
 def test_demo_brings_two_cards_up_removes_one_and_cleans_up():
     before = set(glob.glob("/tmp/chmgr-demo-*"))
     result = run_demo("--no-live", "--scale", "0.005", "--build-dir", str(daemon_binary().parent))
@@ -31,18 +51,60 @@ def test_demo_brings_two_cards_up_removes_one_and_cleans_up():
     assert result.returncode == 0, result.stderr
     assert result.stderr == ""
     out = result.stdout
-    assert "Inserted KTR9600-C16 into slot 3 and KTR9600-C4 into slot 6: bringing them up ..." in out
-    assert "Both cards are in service (cards.conf 'Online', LED green)." in out
-    assert "Done: slot 6 is empty again" in out
     rows = last_table(out)
     assert rows[3].split() == ["3", "KTR9600-C16", "1", "1", "1", "1", "1", "1", "SLOT_ACTIVE",
                                "100G", "dirty", "0", "Online", "green", "16"]
     assert rows[6].split() == ["6", "-", "-", "-", "-", "1", "-", "-", "SLOT_EMPTY",
                                "400G", "dirty", "0", "Offline", "green", "4"]
     assert "[SLOT6] Transitioned from 63 to SLOT_EMPTY" in out
-    assert out.rstrip().endswith("systemctl stand-in: 1 x reload portd, 2 x reload envd")
+    assert "systemctl stand-in: 1 x reload portd, 2 x reload envd\n" in out
     # The sandbox is gone, and with it the daemon and the emulator it ran.
     assert set(glob.glob("/tmp/chmgr-demo-*")) == before
+
+
+def test_demo_off_a_terminal_prints_one_table_per_step():
+    result = run_demo("--scale", "0.005", "--build-dir", str(daemon_binary().parent))
+
+    assert result.returncode == 0, result.stderr
+    lines = result.stdout.splitlines()
+    assert lines.count(TABLE_HEADER) == len(STEP_TITLES)
+    titles = [lines[i - 2] for i, line in enumerate(lines) if line == TABLE_HEADER]
+    assert titles == STEP_TITLES
+    assert "\x1b" not in result.stdout
+
+
+def test_demo_shows_the_operator_view_once_the_cards_are_online_and_after_the_removal():
+    result = run_demo("--scale", "0.005", "--build-dir", str(daemon_binary().parent))
+
+    assert result.returncode == 0, result.stderr
+    assert show_rows(result.stdout, "both cards in service") == [
+        "3     KTR9600-C16  DEMO-C16-0003  Operational  2.5  no",
+        "6     KTR9600-C4   DEMO-C4-0006   Operational  1.1  no"]
+    assert show_rows(result.stdout, "after the removal from slot 6") == [
+        "3     KTR9600-C16  DEMO-C16-0003  Operational  2.5  no",
+        "6     none         none           Empty        1.1  no"]
+
+
+def test_demo_runs_from_the_installed_layout(tmp_path):
+    """Installed, the programs are PREFIX/sbin/chassis-mgr, PREFIX/bin/chmgrctl,
+    chmgr-hwemu and chmgr-demo, and the stand-in PREFIX/share/chassis-mgr-sim/systemctl."""
+    prefix = tmp_path / "usr"
+    for directory in ("bin", "sbin", "share/chassis-mgr-sim"):
+        (prefix / directory).mkdir(parents=True)
+    build = daemon_binary().parent
+    shutil.copy2(build / "chassis-mgr", prefix / "sbin")
+    shutil.copy2(build / "chmgrctl", prefix / "bin")
+    for tool in ("chmgr-demo", "chmgr-hwemu"):
+        shutil.copy2(REPO / "tools" / tool, prefix / "bin")
+    shutil.copy2(RECORDER, prefix / "share/chassis-mgr-sim/systemctl")
+    env = {key: value for key, value in os.environ.items() if key != "CHMGR_BUILD_DIR"}
+
+    result = subprocess.run([str(prefix / "bin/chmgr-demo"), "--scale", "0.005"], capture_output=True,
+                            text=True, stdin=subprocess.DEVNULL, env=env, cwd=tmp_path,
+                            timeout=120 * timeout_factor(), check=False)
+
+    assert result.returncode == 0, result.stderr
+    assert result.stdout.splitlines().count(TABLE_HEADER) == len(STEP_TITLES)
 
 
 def test_demo_without_a_built_daemon_says_so():

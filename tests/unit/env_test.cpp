@@ -108,4 +108,24 @@ TEST_F(EnvTest, PathThatDoesNotFitIsReportedByItsLength) {
     EXPECT_EQ(strlen(small), sizeof small - 1);
 }
 
+TEST(EnvJournalStream, DeviceAndInodeAreReadInDecimal) {
+    env_configure_journal_stream("2049:1234567");
+    dev_t dev = 0;
+    ino_t ino = 0;
+    ASSERT_TRUE(env_journal_stream(&dev, &ino));
+    EXPECT_EQ(dev, (dev_t)2049);
+    EXPECT_EQ(ino, (ino_t)1234567);
+    env_configure_journal_stream(nullptr);
+    EXPECT_FALSE(env_journal_stream(&dev, &ino));
+}
+
+TEST(EnvJournalStream, AnyOtherFormMeansNoJournal) {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    for (const char *text : {"", "12", ":5", "5:", "a:1", "1:b", "1:2:3", " 1:2", "1:2 ", "-1:2", "1:99999999999999999999999"}) {
+        env_configure_journal_stream(text);
+        EXPECT_FALSE(env_journal_stream(&dev, &ino)) << text;
+    }
+}
+
 }  // namespace

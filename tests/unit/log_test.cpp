@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <sys/stat.h>
 
+#include <regex>
+#include <string>
+
+#include "env.h"
 #include "test_support.h"
 
 using namespace chmgr_test;
@@ -173,6 +177,87 @@ TEST_F(LogTest, ConsoleGoesToStderrUntilAStreamIsSet) {
     std::string err = testing::internal::GetCapturedStderr();
     g_log_fd = saved;
     EXPECT_EQ(normalize(err), "log_test.cpp:<N> ERR to stderr\n");
+}
+
+/* Names the captured console as the journal stream, as the service manager
+ * does through JOURNAL_STREAM, for the life of the object. */
+class JournalConsole {
+  public:
+    explicit JournalConsole(const ConsoleCapture &console) {
+        struct stat st;
+        fstat(fileno(console.stream()), &st);
+        std::string stream = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+        env_configure_journal_stream(stream.c_str());
+        followed_ = log_console_follow_journal();
+    }
+    ~JournalConsole() {
+        env_configure_journal_stream(nullptr);
+        log_console_follow_journal();
+    }
+    bool followed() const { return followed_; }
+
+  private:
+    bool followed_ = false;
+};
+
+TEST_F(LogTest, JournalConsoleLinesStartWithTheirSyslogPriority) {
+    g_log_level = LOG_LEVEL_DEBUG;
+    ConsoleCapture console;
+    JournalConsole journal(console);
+    ASSERT_TRUE(journal.followed());
+    CM_LOG(LOG_LEVEL_CRIT, "critical\n");
+    CM_LOG(LOG_LEVEL_ERR, "an error\n");
+    CM_LOG_SLOT(LOG_LEVEL_WARN, 3, "a warning\n");
+    CM_LOG_SLOT(LOG_LEVEL_INFO, 3, "Received event\n");
+    CM_LOG(LOG_LEVEL_DEBUG, "detail\n");
+    EXPECT_EQ(normalize(console.text()),
+              "<2>log_test.cpp:<N> CRIT critical\n"
+              "<3>log_test.cpp:<N> ERR an error\n"
+              "<4>[SLOT3] log_test.cpp:<N> WARN a warning\n"
+              "<6>[SLOT3] log_test.cpp:<N> Received event\n"
+              "<7>log_test.cpp:<N> DEBUG detail\n");
+    EXPECT_EQ(normalized_ring(3)[0], "[SLOT3:WARN]<T> log_test.cpp:<N> a warning\n");
+}
+
+TEST_F(LogTest, JournalLinePrintedWhateverTheThresholdIsANotice) {
+    ConsoleCapture console;
+    JournalConsole journal(console);
+    _log_log(LOG_LEVEL_ALWAYS, "always %d\n", 11, 1);
+    EXPECT_EQ(console.text(), "<5>always 1\n");
+}
+
+TEST_F(LogTest, JournalMessageOfSeveralLinesHasOnePrefixPerLine) {
+    ConsoleCapture console;
+    JournalConsole journal(console);
+    CM_LOG(LOG_LEVEL_ERR, "first\nsecond\n");
+    EXPECT_EQ(normalize(console.text()), "<3>log_test.cpp:<N> ERR first\n<3>second\n");
+}
+
+TEST_F(LogTest, JournalLineWithoutNewlineIsContinuedWithoutASecondPrefix) {
+    ConsoleCapture console;
+    JournalConsole journal(console);
+    CM_LOG(LOG_LEVEL_ERR, "couldn't write pid file %s", "/p");
+    CM_LOG(LOG_LEVEL_INFO, "next\n");
+    CM_LOG(LOG_LEVEL_INFO, "after\n");
+    EXPECT_EQ(normalize(console.text()),
+              "<3>log_test.cpp:<N> ERR couldn't write pid file /plog_test.cpp:<N> next\n<6>log_test.cpp:<N> after\n");
+}
+
+TEST_F(LogTest, JournalLongLineIsNotCut) {
+    ConsoleCapture console;
+    JournalConsole journal(console);
+    std::string text(3000, 'y');
+    CM_LOG(LOG_LEVEL_WARN, "%s\n", text.c_str());
+    EXPECT_EQ(normalize(console.text()), "<4>log_test.cpp:<N> WARN " + text + "\n");
+}
+
+TEST_F(LogTest, ConsoleThatIsNotTheJournalStreamHasNoPrefix) {
+    ConsoleCapture other;
+    ConsoleCapture console;
+    JournalConsole journal(other);
+    EXPECT_FALSE(journal.followed());
+    CM_LOG(LOG_LEVEL_ERR, "plain\n");
+    EXPECT_EQ(normalize(console.text()), "log_test.cpp:<N> ERR plain\n");
 }
 
 TEST(LogLevelNames, OptionValuesMapToThresholds) {

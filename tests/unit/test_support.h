@@ -112,6 +112,7 @@ class ConsoleCapture {
         fseek(file_, 0, SEEK_END);
         return out;
     }
+    FILE *stream() const { return file_; }
 
   private:
     FILE *file_;
