@@ -7,6 +7,7 @@ import pytest
 
 from chmgrctl_support import StandInServer, bring_up, chmgrctl, chmgrctl_json
 from conftest import CTL_HEADER, SOCKET_RELPATH, ctl_exchange, ctl_request, start_listening, wait_until
+from json_schema_subset import KNOWN_KEYWORDS, assert_valid, errors, load_schema
 
 DOCUMENT_RELPATH = "etc/tarnel/cm_status.json"
 EMPTY_TABLE = ("SLOT  STATE  ADMIN    STAGE  CARD  SERIAL  UP TIME\n" +
@@ -318,3 +319,48 @@ def test_usage_errors_exit_2(sandbox, args, message):
     assert result.returncode == 2
     assert result.stdout == ""
     assert result.stderr == f"chmgrctl: {message}\nTry 'chmgrctl --help' for more information.\n"
+
+
+# ---------------------------------------------------------------- the JSON form
+
+
+def test_every_json_output_follows_the_documented_schema(sandbox, daemon):
+    start_listening(sandbox, daemon)
+    sandbox.write("var/run/hw-management/events/lc7_synced", "1")
+    outputs = {}
+    for args in (("show",), ("show", "2"), ("detail",), ("detail", "8"), ("status",), ("status", "5"),
+                 ("enable", "all"), ("disable", "3"), ("enable", "3"), ("provision", "7", "C16"),
+                 ("unprovision", "7"), ("provision", "6", "C4")):
+        result = chmgrctl(sandbox, *args, "--json")
+        value = json.loads(result.stdout)
+        assert_valid(value)
+        assert value["schema_version"] == 1
+        assert value["command"] == args[0]
+        outputs[args] = value
+    assert outputs[("provision", "6", "C4")]["status"] == -16  # a refusal follows the same form
+    watch = chmgrctl(sandbox, "watch", "--json", "--timeout", "0.3", "--interval", "0.1")
+    lines = [json.loads(line) for line in watch.stdout.splitlines()]
+    assert [line["event"] for line in lines] == ["slot"] * 8 + ["end"]
+    for line in lines:
+        assert_valid(line)
+
+
+def schema_keywords(node):
+    """Every keyword used anywhere in a schema (property and definition names excluded)."""
+    found = set()
+    if isinstance(node, dict):
+        for key, value in node.items():
+            found.add(key)
+            children = value.values() if key in ("properties", "$defs") else [value]
+            for child in children:
+                found |= schema_keywords(child)
+    elif isinstance(node, list):
+        for element in node:
+            found |= schema_keywords(element)
+    return found
+
+
+def test_the_schema_uses_only_what_the_tests_check():
+    schema = load_schema()
+    assert schema_keywords(schema) <= KNOWN_KEYWORDS
+    assert errors({}, schema)  # an empty object matches no output
