@@ -96,7 +96,14 @@ void print_json(FILE *out, const JsonNode *root, bool one_line) {
     fflush(out);
 }
 
-JsonNode *json_text(const std::string &text) { return json_mkstring(valid_utf8(text).c_str()); }
+JsonNode *json_text(const std::string &text) {
+    /* The encoder writes byte 0x1F raw, which no JSON reader accepts: shown
+     * as '?', as the daemon does in its own document. */
+    std::string valid = valid_utf8(text);
+    for (char &c : valid)
+        if (c == 0x1F) c = '?';
+    return json_mkstring(valid.c_str());
+}
 
 void print_admin_json(FILE *out, const char *command, uint32_t slot_no, const std::vector<AdminResult> &results) {
     JsonNode *root = schema_object(command);

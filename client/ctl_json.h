@@ -27,7 +27,7 @@ JsonNode *schema_object(const char *command);
 /* Indented with two blanks (or on one line when `one_line`), with a final line feed. */
 void print_json(FILE *out, const JsonNode *root, bool one_line = false);
 
-/* A text made valid for the JSON encoder (see valid_utf8). */
+/* A text made valid for the JSON encoder (see valid_utf8), 0x1F shown as '?'. */
 JsonNode *json_text(const std::string &text);
 
 /* The outcome of an administration command for one slot. */

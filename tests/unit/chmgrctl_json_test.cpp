@@ -50,3 +50,12 @@ TEST(ChmgrctlJson, OnlyAnObjectIsADocument) {
     EXPECT_EQ(translate_status_document(array.node), nullptr);
     EXPECT_EQ(translate_status_document(nullptr), nullptr);
 }
+
+TEST(ChmgrctlJson, UnitSeparatorInALogLineIsShownAsAQuestionMark) {
+    Tree document(json_decode("{\"Log\": [\"a\\u001fb\\tc\"]}"));
+    Tree translated(translate_status_document(document.node));
+    std::string text = encoded(translated.node);
+    EXPECT_NE(text.find("\"log\":[\"a?b\\tc\"]"), std::string::npos) << text;
+    Tree again(json_decode(text.c_str()));
+    EXPECT_NE(again.node, nullptr);
+}
