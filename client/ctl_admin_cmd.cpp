@@ -84,7 +84,10 @@ int run_admin(const Options &options, const Request &request) {
         if (!options.json) print_outcome(request, result);
         results.push_back(result);
     }
-    if (options.json) print_admin_json(stdout, request.info->name, request.slot_no, results);
+    /* Without a proper answer there is no outcome to print: the message on
+     * standard error and the exit status tell what happened. */
+    if (options.json && exit_status != EXIT_NO_ANSWER)
+        print_admin_json(stdout, request.info->name, request.slot_no, results);
     return exit_status;
 }
 

@@ -247,6 +247,8 @@ def test_daemon_closing_without_a_reply_is_reported(sandbox):
             assert result.returncode == 3, args
             assert result.stderr == ("chmgrctl: chassis-mgr closed the connection without a reply "
                                      "(the request was refused)\n")
+        result = chmgrctl(sandbox, "--socket", path, "disable", "all", "--json")
+        assert (result.returncode, result.stdout) == (3, "")  # no outcome to report, not a success
     finally:
         server.close()
 
