@@ -124,6 +124,10 @@ std::string other_card_type(const std::string &card) { return card == "C4" ? "C1
 
 std::string waiting_reason(const std::vector<RingLine> &lines, const SlotView &view) {
     std::string since = view.stage_since_clock.empty() ? "" : " since " + view.stage_since_clock;
+    /* The ready step runs with the READY bit already set and still awaits
+     * "ready" until its fixed waits and polls are over. */
+    if (view.stage == STAGE_READY && view.awaited_event == "ready")
+        return "in the ready step (enable, gearbox update, reset)" + since;
     bool known = !view.awaited_event.empty() && view.awaited_event != "none" && view.awaited_event != "empty";
     if (known) return "waiting for " + view.awaited_event + since;
     for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
@@ -134,8 +138,11 @@ std::string waiting_reason(const std::vector<RingLine> &lines, const SlotView &v
     return "in bring-up" + since;
 }
 
-std::string offline_reason(const SlotView &view) {
+/* Why a slot with a card is not in service; `held` set when it will not go
+ * on by itself. */
+std::string offline_reason(const SlotView &view, bool *held) {
     std::vector<RingLine> lines = current_card_lines(view);
+    *held = true;
     if (view.disabled) return "disabled by the administrator";
     std::string card = short_card_type(view.card_type);
     if (card == "none") {
@@ -149,6 +156,7 @@ std::string offline_reason(const SlotView &view) {
     }
     if (view.stuck)
         return std::string("stuck at ") + stage_name(view.stage) + " after " + std::to_string(kStuckTries) + " tries";
+    *held = false;
     return waiting_reason(lines, view);
 }
 
@@ -250,11 +258,11 @@ void build_slot_view(const SlotSummary *summary, JsonNode *slot_object, int prov
     if (view->oper_state == "Empty")
         view->reason = view->disabled ? "disabled by the administrator" : "no card in the slot";
     else
-        view->reason = offline_reason(*view);
+        view->reason = offline_reason(*view, &view->held);
 }
 
-double remaining_fixed_wait(Stage stage, bool stuck, double elapsed_s, double scale) {
-    if (stage == STAGE_NONE || stuck) return -1;
+double remaining_fixed_wait(Stage stage, bool held, double elapsed_s, double scale) {
+    if (stage == STAGE_NONE || held) return -1;
     double left = kStages[stage].fixed_wait_s * scale - elapsed_s;
     double total = left > 0 ? left : 0;
     for (int i = stage + 1; i < kStageCount; ++i) total += kStages[i].fixed_wait_s * scale;

@@ -54,6 +54,7 @@ struct SlotView {
     unsigned stage_bits = 0;    // bit i set: stage i reached (Stage order)
     Stage stage = STAGE_NONE;   // the highest stage reached
     bool stuck = false;         // the daemon gave the awaited stage up
+    bool held = false;          // not going on by itself: stuck, disabled, unsupported or refused card
     std::string state_text;     // the daemon's state text, trailing blank removed
     std::string awaited_event;  // the daemon's word for the awaited event
     long long up_time_s = -1;   // -1: not active
@@ -74,8 +75,8 @@ std::string short_card_type(const std::string &card_type);
 
 /* Seconds of fixed waits still ahead of a card at `stage` that entered it
  * `elapsed_s` seconds ago, at the daemon's clock factor `scale`; -1 when
- * nothing can be said (not present, stuck). */
-double remaining_fixed_wait(Stage stage, bool stuck, double elapsed_s, double scale);
+ * nothing can be said (not present, or `held`). */
+double remaining_fixed_wait(Stage stage, bool held, double elapsed_s, double scale);
 
 /* "1h02m05s", "-" for a negative value. */
 std::string duration_text(long long seconds);

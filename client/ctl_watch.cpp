@@ -113,7 +113,7 @@ void emit_slot_json(const SlotView &view, double now, double scale) {
     double in_stage = stage_seconds(view, now);
     json_append_member(root, "stage_seconds", seconds_or_null(in_stage));
     json_append_member(root, "remaining_seconds",
-                       seconds_or_null(remaining_fixed_wait(view.stage, view.stuck, in_stage < 0 ? 0 : in_stage, scale)));
+                       seconds_or_null(remaining_fixed_wait(view.stage, view.held, in_stage < 0 ? 0 : in_stage, scale)));
     print_json(stdout, root, true);
     json_delete(root);
 }
@@ -205,7 +205,7 @@ void draw_terminal(const WatchState &state, double now, double scale) {
     screen += line;
     for (const SlotView &view : state.views) {
         double in_stage = stage_seconds(view, now);
-        double left = remaining_fixed_wait(view.stage, view.stuck, in_stage < 0 ? 0 : in_stage, scale);
+        double left = remaining_fixed_wait(view.stage, view.held, in_stage < 0 ? 0 : in_stage, scale);
         std::string stage = view.stuck ? std::string("stuck ") + stage_name(view.stage) : stage_name(view.stage);
         snprintf(line, sizeof line, "slot %u  %-11s %s %-14s %7s  %s  %s\n", view.slot, view.oper_state.c_str(),
                  progress_bar(view).c_str(), stage.c_str(), duration_text(in_stage < 0 ? -1 : (long long)in_stage).c_str(),
@@ -213,7 +213,7 @@ void draw_terminal(const WatchState &state, double now, double scale) {
                  printable(view.reason.empty() ? "in service" : view.reason).c_str());
         screen += line;
     }
-    screen += "\nTransitions:\n";
+    screen += "\nStage changes, errors and warnings:\n";
     int room = terminal_rows() - (int)state.views.size() - 6;
     size_t shown = room > 0 ? (size_t)room : 0;
     size_t first = state.transitions.size() > shown ? state.transitions.size() - shown : 0;
@@ -277,9 +277,7 @@ Outcome watched_outcome(const WatchState &state, uint32_t slot, std::string *rea
         if (view.slot != slot) continue;
         *reason = view.reason;
         if (view.oper_state == "Operational") return OUTCOME_OPERATIONAL;
-        if (view.stuck || view.reason.rfind("unsupported card", 0) == 0 ||
-            view.reason.rfind("pre-provisioned for ", 0) == 0)
-            return OUTCOME_STUCK;
+        if (view.held && !view.disabled) return OUTCOME_STUCK;  // an administrator may enable a slot
     }
     return OUTCOME_NONE;
 }

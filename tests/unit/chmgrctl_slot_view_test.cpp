@@ -145,3 +145,18 @@ TEST(ChmgrctlSlotView, DurationsAreShort) {
     EXPECT_EQ(duration_text(125), "2m05s");
     EXPECT_EQ(duration_text(3725), "1h02m05s");
 }
+
+TEST(ChmgrctlSlotView, ReadyStepIsNamedWhileItsFixedWaitsRun) {
+    std::string log = quoted(ring("INFO", "19:20:16", "Transitioned from 15 to SLOT_READY"));
+    SlotView view = view_of(slot_json("SLOT_PRESENT |SLOT_VERIFIED |SLOT_SYNCED |SLOT_POWERED |SLOT_READY | ",
+                                      "ready", "KTR9600-C16", false, false, log));
+    EXPECT_EQ(view.reason, "in the ready step (enable, gearbox update, reset) since 2026-11-22 19:20:16");
+    EXPECT_FALSE(view.held);
+}
+
+TEST(ChmgrctlSlotView, SlotsThatWillNotGoOnByThemselvesAreHeld) {
+    EXPECT_TRUE(view_of(slot_json("SLOT_PRESENT | ", "present", "none", false, false, "")).held);
+    EXPECT_TRUE(view_of(slot_json("SLOT_PRESENT |ERR ", "verified", "KTR9600-C4", false, false, "")).held);
+    EXPECT_TRUE(view_of(slot_json("SLOT_PRESENT | ", "verified", "KTR9600-C4", false, true, "")).held);
+    EXPECT_FALSE(view_of(slot_json("SLOT_PRESENT | ", "verified", "KTR9600-C4", false, false, "")).held);
+}
