@@ -3,7 +3,9 @@
  * line into one control request, sends it over the daemon's socket and
  * prints the reply, as text for people or, with --json, for programs.
  */
+#include <math.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <unistd.h>
@@ -14,7 +16,7 @@
 #include "chassis_mgr.h"
 #include "ctl_client.h"
 #include "ctl_output.h"
-#include "json.h"
+#include "ctl_request.h"
 
 #ifndef CHMGR_VERSION_TEXT
 #define CHMGR_VERSION_TEXT "1.0.0"
@@ -23,45 +25,22 @@
 namespace chmgrctl {
 namespace {
 
-enum SlotUse {
-    SLOT_OPTIONAL_OR_ALL,  // show, detail, status: default all
-    SLOT_ONE_OR_ALL,       // enable, disable
-    SLOT_ONE,              // provision, unprovision
-};
-
-struct CommandInfo {
-    const char *name;
-    uint32_t code;
-    SlotUse slot_use;
-    bool takes_card_type;
-};
+/* The daemon answers the show commands at once.  An administration command
+ * waits for the slot, which a card in its longest bring-up step holds for
+ * about a minute, and then does its own bounded waits (a disable polls up
+ * to 20 s, an un-provisioning up to 30 s): their default limit covers that. */
+constexpr int kShowTimeoutS = 10;
+constexpr int kAdminTimeoutS = 120;
 
 constexpr CommandInfo kCommands[] = {
-    {"show", SHOW_SUMMARY, SLOT_OPTIONAL_OR_ALL, false},
-    {"detail", SHOW_DETAIL, SLOT_OPTIONAL_OR_ALL, false},
-    {"enable", LINECARD_ENABLE, SLOT_ONE_OR_ALL, false},
-    {"disable", LINECARD_DISABLE, SLOT_ONE_OR_ALL, false},
-    {"provision", PRE_PROVISION_ENABLE, SLOT_ONE, true},
-    {"unprovision", PRE_PROVISION_DISABLE, SLOT_ONE, false},
-    {"status", DEBUG_SLOT, SLOT_OPTIONAL_OR_ALL, false},
-};
-
-/* The texts an un-provisioning leaves behind when a step failed although
- * the slot was un-provisioned (its reply still reports success). */
-constexpr const char *kUnprovisionWarnings[] = {"reload portd failed", "INI programming for slot failed"};
-
-struct Options {
-    std::string socket_path;
-    bool json = false;
-    bool help = false;
-    bool version = false;
-    std::vector<std::string> words;  // the command and its arguments
-};
-
-struct Request {
-    const CommandInfo *info = nullptr;
-    uint32_t slot_no = CTL_ALL_SLOTS;
-    uint32_t card_type = 0;
+    {"show", SHOW_SUMMARY, SLOT_OPTIONAL_OR_ALL, false, kShowTimeoutS},
+    {"detail", SHOW_DETAIL, SLOT_OPTIONAL_OR_ALL, false, kShowTimeoutS},
+    {"enable", LINECARD_ENABLE, SLOT_ONE_OR_ALL, false, kAdminTimeoutS},
+    {"disable", LINECARD_DISABLE, SLOT_ONE_OR_ALL, false, kAdminTimeoutS},
+    {"provision", PRE_PROVISION_ENABLE, SLOT_ONE, true, kAdminTimeoutS},
+    {"unprovision", PRE_PROVISION_DISABLE, SLOT_ONE, false, kAdminTimeoutS},
+    {"status", DEBUG_SLOT, SLOT_OPTIONAL_OR_ALL, false, kShowTimeoutS},
+    {"watch", DEBUG_SLOT, SLOT_OPTIONAL_OR_ALL, false, kShowTimeoutS},
 };
 
 void print_usage(FILE *out) {
@@ -70,25 +49,36 @@ void print_usage(FILE *out) {
           "Administers the line cards of the chassis through chassis-mgr.\n"
           "\n"
           "Commands:\n"
-          "  show [SLOT|all]          summary of one slot or of all slots (default: all)\n"
+          "  show [SLOT|all]          one line per slot: state, stage, card, and why a slot\n"
+          "                           is not in service (default: all slots)\n"
           "  detail [SLOT|all]        the same, one block per slot\n"
           "  enable SLOT|all          put a slot (or every slot) back in service\n"
           "  disable SLOT|all         power a slot (or every slot) off and keep it out of service\n"
           "  provision SLOT C4|C16    pre-provision a slot for a card type\n"
           "  unprovision SLOT         take a slot's pre-provisioning back\n"
           "  status [SLOT|all]        state, awaited event, up time and recent log of the slots\n"
+          "  watch [SLOT|all]         follow the bring-up of the slots live\n"
           "\n"
           "SLOT is a slot number from 1 to 8.\n"
           "\n"
           "Options:\n"
-          "  -j, --json               print machine-readable JSON\n"
+          "  -j, --json               print machine-readable JSON (watch: one object a line)\n"
+          "  -w, --wide               show: every column, the reasons in the table\n"
+          "      --raw                status --json: the daemon's document as it is\n"
           "  -s, --socket PATH        control socket of the daemon\n"
           "                           (default: $CHMGR_ROOT/run/chassismgr/chassismgr)\n"
+          "  -t, --timeout SECONDS    give up waiting for the daemon after this long\n"
+          "                           (default: 10 for show, detail, status and watch,\n"
+          "                           120 per slot for the administration commands);\n"
+          "                           watch: stop after this long\n"
+          "      --until-online SLOT  watch: exit when SLOT is operational (0) or stuck (1)\n"
+          "      --interval SECONDS   watch: time between two looks (default 0.5)\n"
           "  -h, --help               print this help and exit\n"
           "  -V, --version            print the version and exit\n"
           "\n"
-          "Exit status: 0 done, 1 refused by the daemon, 2 bad command line,\n"
-          "3 daemon not reachable or no proper reply.\n",
+          "Exit status: 0 done, 1 refused by the daemon (watch: slot stuck), 2 bad command\n"
+          "line, 3 daemon not reachable or no proper reply in time, 4 watch --until-online:\n"
+          "time limit reached before the slot was operational.\n",
           out);
 }
 
@@ -96,6 +86,68 @@ int usage_error(const std::string &message) {
     fprintf(stderr, "chmgrctl: %s\n", message.c_str());
     fprintf(stderr, "Try 'chmgrctl --help' for more information.\n");
     return EXIT_USAGE;
+}
+
+bool parse_seconds(const std::string &text, double *seconds) {
+    char *end = nullptr;
+    double value = strtod(text.c_str(), &end);
+    if (text.empty() || !end || *end != '\0' || !isfinite(value) || value <= 0 || value > 86400) return false;
+    *seconds = value;
+    return true;
+}
+
+bool parse_slot(const std::string &text, bool all_allowed, uint32_t *slot_no, std::string *error);
+
+/* The options that take a value, written "-x VALUE", "--name VALUE" or "--name=VALUE". */
+enum ValuedOption { OPT_SOCKET, OPT_TIMEOUT, OPT_UNTIL_ONLINE, OPT_INTERVAL };
+struct ValuedOptionInfo {
+    ValuedOption option;
+    const char *short_name;  // "" when none
+    const char *long_name;
+};
+constexpr ValuedOptionInfo kValuedOptions[] = {
+    {OPT_SOCKET, "-s", "--socket"},
+    {OPT_TIMEOUT, "-t", "--timeout"},
+    {OPT_UNTIL_ONLINE, "", "--until-online"},
+    {OPT_INTERVAL, "", "--interval"},
+};
+
+bool set_valued_option(ValuedOption option, const std::string &value, Options *options, std::string *error) {
+    switch (option) {
+    case OPT_SOCKET: options->socket_path = value; return true;
+    case OPT_TIMEOUT:
+        if (parse_seconds(value, &options->timeout_s)) return true;
+        *error = "invalid time limit '" + value + "' (expected seconds, more than 0)";
+        return false;
+    case OPT_INTERVAL:
+        if (parse_seconds(value, &options->interval_s)) return true;
+        *error = "invalid interval '" + value + "' (expected seconds, more than 0)";
+        return false;
+    case OPT_UNTIL_ONLINE: return parse_slot(value, false, &options->until_online, error);
+    }
+    return false;
+}
+
+/* -1: `arg` is not a valued option; 0: it is, but wrong; 1: taken. */
+int parse_valued_option(int argc, char **argv, int *i, const std::string &arg, Options *options,
+                        std::string *error) {
+    for (const ValuedOptionInfo &info : kValuedOptions) {
+        std::string long_name = info.long_name;
+        std::string value;
+        if (arg == long_name || (*info.short_name && arg == info.short_name)) {
+            if (*i + 1 >= argc) {
+                *error = "option '" + arg + "' needs " + (info.option == OPT_SOCKET ? "a path" : "a value");
+                return 0;
+            }
+            value = argv[++*i];
+        } else if (arg.rfind(long_name + "=", 0) == 0) {
+            value = arg.substr(long_name.size() + 1);
+        } else {
+            continue;
+        }
+        return set_valued_option(info.option, value, options, error) ? 1 : 0;
+    }
+    return -1;
 }
 
 /* Options may stand anywhere; "--" ends them. */
@@ -113,17 +165,17 @@ bool parse_options(int argc, char **argv, Options *options, std::string *error) 
             options->version = true;
         } else if (arg == "-j" || arg == "--json") {
             options->json = true;
-        } else if (arg == "-s" || arg == "--socket") {
-            if (i + 1 >= argc) {
-                *error = "option '" + arg + "' needs a path";
+        } else if (arg == "-w" || arg == "--wide") {
+            options->wide = true;
+        } else if (arg == "--raw") {
+            options->raw = true;
+        } else {
+            int taken = parse_valued_option(argc, argv, &i, arg, options, error);
+            if (taken == 0) return false;
+            if (taken < 0) {
+                *error = "unknown option '" + arg + "'";
                 return false;
             }
-            options->socket_path = argv[++i];
-        } else if (arg.rfind("--socket=", 0) == 0) {
-            options->socket_path = arg.substr(strlen("--socket="));
-        } else {
-            *error = "unknown option '" + arg + "'";
-            return false;
         }
     }
     if (options->socket_path.empty() && !options->help && !options->version)
@@ -188,144 +240,35 @@ bool parse_request(const std::vector<std::string> &words, Request *request, std:
     return true;
 }
 
-const char *card_type_label(uint32_t card_type) {
-    return card_type == CARD_TYPE_4X400G ? "KTR9600-C4" : card_type == CARD_TYPE_16X100G ? "KTR9600-C16" : "none";
-}
-
-std::string slot_label(uint32_t slot_no) {
-    return slot_no == CTL_ALL_SLOTS ? std::string("all slots") : "slot " + std::to_string(slot_no);
-}
-
-/* status_str of a reply, without the line feed some texts end with. */
-std::string status_text(const std::vector<unsigned char> &reply) {
-    std::string text = field_text(reply.data() + offsetof(ctlCmdHeaderErr, status_str), CTL_STATUS_STR_SIZE);
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    return text;
-}
-
-bool is_unprovision_warning(const std::string &text) {
-    for (const char *warning : kUnprovisionWarnings)
-        if (text == warning) return true;
-    return false;
-}
-
-/* The reply must answer our request: same command and sequence number. */
-bool check_header(const std::vector<unsigned char> &reply, const ctlCmdHeader &request, std::string *error) {
-    if (reply.empty()) {
-        *error = "chassis-mgr closed the connection without a reply (the request was refused)";
+/* Options that belong to one command only. */
+bool check_option_use(const Options &options, const Request &request, std::string *error) {
+    std::string name = request.info->name;
+    if (options.until_online && name != "watch") {
+        *error = "option '--until-online' belongs to 'watch'";
         return false;
     }
-    if (reply.size() < sizeof(ctlCmdHeader)) {
-        *error = "short reply from chassis-mgr (" + std::to_string(reply.size()) + " bytes)";
+    if (options.until_online && request.slot_no != CTL_ALL_SLOTS && request.slot_no != options.until_online) {
+        *error = "slot " + std::to_string(options.until_online) + " of '--until-online' is not watched";
         return false;
     }
-    ctlCmdHeader header;
-    memcpy(&header, reply.data(), sizeof header);
-    if (header.cmd != request.cmd || header.seq != request.seq || header.slot_no != request.slot_no) {
-        *error = "unexpected reply from chassis-mgr (command " + std::to_string(header.cmd) + ", sequence " +
-                 std::to_string(header.seq) + ", slot " + std::to_string(header.slot_no) + ")";
+    if (options.interval_s > 0 && name != "watch") {
+        *error = "option '--interval' belongs to 'watch'";
         return false;
     }
-    if (request.cmd != DEBUG_SLOT && reply.size() < CTL_BUF_SIZE) {
-        *error = "short reply from chassis-mgr (" + std::to_string(reply.size()) + " of " +
-                 std::to_string(CTL_BUF_SIZE) + " bytes)";
+    if (options.raw && name != "status") {
+        *error = "option '--raw' belongs to 'status'";
         return false;
     }
     return true;
 }
 
-int report_refusal(const Options &options, const Request &request, int32_t status,
-                   const std::vector<unsigned char> &reply) {
-    std::string message = request.info->code == DEBUG_SLOT ? std::string() : status_text(reply);
-    if (options.json) {
-        print_admin_json(stdout, request.info->name, request.slot_no, status, message, "");
-    } else {
-        fprintf(stderr, "chmgrctl: %s %s failed: %s\n", request.info->name, slot_label(request.slot_no).c_str(),
-                message.empty() ? ("status " + std::to_string(status)).c_str() : printable(message).c_str());
-    }
-    return EXIT_REFUSED;
-}
-
-int print_show(const Options &options, const Request &request, const std::vector<unsigned char> &reply) {
-    std::vector<SlotSummary> slots;
-    std::string error;
-    if (!decode_summary(reply, request.slot_no, &slots, &error)) {
-        fprintf(stderr, "chmgrctl: %s\n", error.c_str());
-        return EXIT_NO_ANSWER;
-    }
-    if (options.json)
-        print_summary_json(stdout, slots);
-    else if (request.info->code == SHOW_DETAIL)
-        print_summary_blocks(stdout, slots);
-    else
-        print_summary_table(stdout, slots);
-    return EXIT_DONE;
-}
-
-int print_status(const Options &options, const std::vector<unsigned char> &reply) {
-    std::string document(reply.begin() + sizeof(ctlCmdHeader), reply.end());
-    std::string error;
-    if (!check_status_document(document, &error)) {
-        fprintf(stderr, "chmgrctl: %s\n", error.c_str());
-        return EXIT_REFUSED;
-    }
-    if (options.json) {
-        fputs(document.c_str(), stdout);
-        if (document.back() != '\n') fputc('\n', stdout);
-    } else {
-        print_status_document(stdout, document);
-    }
-    return EXIT_DONE;
-}
-
-int print_admin(const Options &options, const Request &request, const std::vector<unsigned char> &reply) {
-    std::string warning;
-    if (request.info->code == PRE_PROVISION_DISABLE) {
-        std::string text = status_text(reply);
-        if (is_unprovision_warning(text)) warning = text;
-    }
-    if (options.json) {
-        print_admin_json(stdout, request.info->name, request.slot_no, CTL_SUCCESS, "", warning);
-        return EXIT_DONE;
-    }
-    std::string label = slot_label(request.slot_no);
-    switch (request.info->code) {
-    case LINECARD_ENABLE: printf("%s: enabled\n", label.c_str()); break;
-    case LINECARD_DISABLE: printf("%s: disabled\n", label.c_str()); break;
-    case PRE_PROVISION_ENABLE:
-        printf("%s: pre-provisioned for %s\n", label.c_str(), card_type_label(request.card_type));
-        break;
-    default: printf("%s: pre-provisioning removed\n", label.c_str()); break;
-    }
-    if (!warning.empty()) fprintf(stderr, "chmgrctl: warning: %s: %s\n", label.c_str(), warning.c_str());
-    return EXIT_DONE;
-}
-
 int run(const Options &options, const Request &request) {
-    ctlCmdHeader header = {};
-    header.cmd = request.info->code;
-    header.len = sizeof header;
-    header.seq = (uint32_t)getpid();
-    header.slot_no = request.slot_no;
-    header.card_type = request.card_type;
-    size_t max_reply = header.cmd == DEBUG_SLOT ? sizeof(debugCmdRespSlotState) : CTL_BUF_SIZE;
-
-    std::vector<unsigned char> reply;
-    std::string error;
-    if (!exchange(options.socket_path, header, max_reply, &reply, &error) || !check_header(reply, header, &error)) {
-        fprintf(stderr, "chmgrctl: %s\n", error.c_str());
-        return EXIT_NO_ANSWER;
-    }
-    ctlCmdHeader answer;
-    memcpy(&answer, reply.data(), sizeof answer);
-    int32_t status = (int32_t)answer.status;
-    if (status != CTL_SUCCESS) return report_refusal(options, request, status, reply);
-
-    switch (header.cmd) {
+    switch (request.info->code) {
     case SHOW_SUMMARY:
-    case SHOW_DETAIL: return print_show(options, request, reply);
-    case DEBUG_SLOT: return print_status(options, reply);
-    default: return print_admin(options, request, reply);
+    case SHOW_DETAIL: return run_show(options, request);
+    case DEBUG_SLOT:
+        return strcmp(request.info->name, "watch") == 0 ? run_watch(options, request) : run_status(options, request);
+    default: return run_admin(options, request);
     }
 }
 
@@ -346,6 +289,7 @@ int main(int argc, char **argv) {
         return EXIT_DONE;
     }
     Request request;
-    if (!parse_request(options.words, &request, &error)) return usage_error(error);
+    if (!parse_request(options.words, &request, &error) || !check_option_use(options, request, &error))
+        return usage_error(error);
     return run(options, request);
 }

@@ -6,8 +6,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
-
 #include "chassis_mgr.h"
 #include "json.h"
 
@@ -41,19 +39,6 @@ size_t utf8_length(const unsigned char *p, size_t left) {
         return left >= 4 && in(p[1], low, high) && in(p[2], 0x80, 0xBF) && in(p[3], 0x80, 0xBF) ? 4 : 0;
     }
     return 0;
-}
-
-JsonNode *json_text(const std::string &text) { return json_mkstring(valid_utf8(text).c_str()); }
-
-/* Indented with two blanks, with a final line feed. */
-void print_json(FILE *out, const JsonNode *root) {
-    char *text = json_stringify(root, "  ");
-    fprintf(out, "%s\n", text);
-    free(text);
-}
-
-std::string ini_text(const SlotSummary &slot) {
-    return std::to_string(slot.ini_major) + "." + std::to_string(slot.ini_minor);
 }
 
 const char *yes_no(bool value) { return value ? "yes" : "no"; }
@@ -174,73 +159,6 @@ bool decode_summary(const std::vector<unsigned char> &reply, uint32_t slot_no, s
         slots->push_back(slot);
     }
     return true;
-}
-
-void print_summary_table(FILE *out, const std::vector<SlotSummary> &slots) {
-    size_t type_width = strlen("CARD TYPE");
-    size_t serial_width = strlen("SERIAL NO");
-    size_t state_width = strlen("STATE");
-    size_t ini_width = strlen("INI");
-    for (const SlotSummary &slot : slots) {
-        type_width = std::max(type_width, slot.card_type.size());
-        serial_width = std::max(serial_width, slot.serial_no.size());
-        state_width = std::max(state_width, slot.state.size());
-        ini_width = std::max(ini_width, ini_text(slot).size());
-    }
-    fprintf(out, "%-4s  %-*s  %-*s  %-*s  %-*s  %s\n", "SLOT", (int)type_width, "CARD TYPE", (int)serial_width,
-            "SERIAL NO", (int)state_width, "STATE", (int)ini_width, "INI", "PROVISIONED");
-    for (const SlotSummary &slot : slots) {
-        fprintf(out, "%-4u  %-*s  %-*s  %-*s  %-*s  %s\n", slot.slot, (int)type_width,
-                printable(slot.card_type).c_str(), (int)serial_width, printable(slot.serial_no).c_str(),
-                (int)state_width, printable(slot.state).c_str(), (int)ini_width, ini_text(slot).c_str(),
-                yes_no(slot.provisioned));
-    }
-}
-
-void print_summary_blocks(FILE *out, const std::vector<SlotSummary> &slots) {
-    bool first = true;
-    for (const SlotSummary &slot : slots) {
-        if (!first) fprintf(out, "\n");
-        first = false;
-        fprintf(out, "Slot %u\n", slot.slot);
-        fprintf(out, "  Card type:    %s\n", printable(slot.card_type).c_str());
-        fprintf(out, "  Serial no:    %s\n", printable(slot.serial_no).c_str());
-        fprintf(out, "  State:        %s\n", printable(slot.state).c_str());
-        fprintf(out, "  INI major:    %d\n", (int)slot.ini_major);
-        fprintf(out, "  INI minor:    %d\n", (int)slot.ini_minor);
-        fprintf(out, "  Provisioned:  %s\n", yes_no(slot.provisioned));
-    }
-}
-
-void print_summary_json(FILE *out, const std::vector<SlotSummary> &slots) {
-    JsonNode *root = json_mkobject();
-    JsonNode *array = json_mkarray();
-    for (const SlotSummary &slot : slots) {
-        JsonNode *object = json_mkobject();
-        json_append_member(object, "slot", json_mknumber(slot.slot));
-        json_append_member(object, "card_type", json_text(slot.card_type));
-        json_append_member(object, "serial_no", json_text(slot.serial_no));
-        json_append_member(object, "state", json_text(slot.state));
-        json_append_member(object, "ini_major", json_mknumber(slot.ini_major));
-        json_append_member(object, "ini_minor", json_mknumber(slot.ini_minor));
-        json_append_member(object, "provisioned", json_mkbool(slot.provisioned));
-        json_append_element(array, object);
-    }
-    json_append_member(root, "slots", array);
-    print_json(out, root);
-    json_delete(root);
-}
-
-void print_admin_json(FILE *out, const char *command, uint32_t slot_no, int32_t status, const std::string &message,
-                      const std::string &warning) {
-    JsonNode *root = json_mkobject();
-    json_append_member(root, "command", json_mkstring(command));
-    json_append_member(root, "slot", slot_no == CTL_ALL_SLOTS ? json_mkstring("all") : json_mknumber(slot_no));
-    json_append_member(root, "status", json_mknumber(status));
-    if (!message.empty()) json_append_member(root, "message", json_text(message));
-    if (!warning.empty()) json_append_member(root, "warning", json_text(warning));
-    print_json(out, root);
-    json_delete(root);
 }
 
 bool check_status_document(const std::string &document, std::string *error) {

@@ -37,15 +37,6 @@ std::string printable(const std::string &text);
  * that does not start a valid sequence becomes '?'. */
 std::string valid_utf8(const std::string &text);
 
-void print_summary_table(FILE *out, const std::vector<SlotSummary> &slots);
-void print_summary_blocks(FILE *out, const std::vector<SlotSummary> &slots);
-void print_summary_json(FILE *out, const std::vector<SlotSummary> &slots);
-
-/* The outcome of an administration command, as JSON:
- * {"command": ..., "slot": N or "all", "status": S[, "message": ...][, "warning": ...]}. */
-void print_admin_json(FILE *out, const char *command, uint32_t slot_no, int32_t status, const std::string &message,
-                      const std::string &warning);
-
 /* True when `document` is a JSON object (the daemon sends "JSON output
  * error\n" instead when it could not read the document back). */
 bool check_status_document(const std::string &document, std::string *error);

@@ -2,64 +2,24 @@
 for broken daemons, against small stand-in servers)."""
 
 import json
-import socket
-import subprocess
-import threading
 
 import pytest
 
-from conftest import (CTL_HEADER, SOCKET_RELPATH, built_binary, ctl_exchange, ctl_request, start_listening,
-                      timeout_factor, wait_until)
+from chmgrctl_support import StandInServer, bring_up, chmgrctl, chmgrctl_json
+from conftest import CTL_HEADER, SOCKET_RELPATH, ctl_exchange, ctl_request, start_listening, wait_until
+from json_schema_subset import KNOWN_KEYWORDS, assert_valid, errors, load_schema
 
 DOCUMENT_RELPATH = "etc/tarnel/cm_status.json"
-EMPTY_TABLE = ("SLOT  CARD TYPE  SERIAL NO  STATE  INI  PROVISIONED\n" +
-               "".join(f"{s}     none       none       Empty  0.0  no\n" for s in range(1, 9)))
+EMPTY_TABLE = ("SLOT  STATE  ADMIN    STAGE  CARD  SERIAL  UP TIME\n" +
+               "".join(f"{s}     Empty  enabled  -      -     none    -\n" for s in range(1, 9)) + "\n" +
+               "".join(f"slot {s}: no card in the slot\n" for s in range(1, 9)))
 
 
-def client_binary():
-    return built_binary("chmgrctl", "client")
-
-
-def chmgrctl(sandbox, *args, env=None):
-    run_env = dict(sandbox.env)
-    run_env.update(env or {})
-    return subprocess.run([str(client_binary()), *map(str, args)], env=run_env, capture_output=True,
-                          text=True, stdin=subprocess.DEVNULL, timeout=60 * timeout_factor())
-
-
-def bring_up(sandbox, slot):
-    if not sandbox.emulators:
-        sandbox.start_emulator()
-    sandbox.insert(slot, pn="KTR9600-C16", sn=f"SN{slot:08d}", rev=2)
-    wait_until(lambda: json.loads(chmgrctl(sandbox, "show", slot, "--json").stdout)["slots"][0]["state"]
-               == "Operational", timeout=20, what=f"slot {slot} to be operational")
-
-
-class StandInServer:
-    """A one-connection-at-a-time server at `path` answering every request with `reply(request)`."""
-
-    def __init__(self, path, reply):
-        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.sock.bind(str(path))
-        self.sock.listen(4)
-        self.reply = reply
-        self.thread = threading.Thread(target=self.serve, daemon=True)
-        self.thread.start()
-
-    def serve(self):
-        while True:
-            try:
-                conn, _ = self.sock.accept()
-            except OSError:
-                return
-            with conn:
-                data = conn.recv(1024)
-                conn.sendall(self.reply(data))
-
-    def close(self):
-        self.sock.shutdown(socket.SHUT_RDWR)
-        self.sock.close()
-        self.thread.join(5)
+def empty_slot(slot):
+    return {"slot": slot, "oper_state": "Empty", "admin_state": "enabled", "stage": None, "stuck": False,
+            "awaited_event": "present", "provisioned": False, "provisioned_type": None, "card_type": "none",
+            "serial_no": "none", "hw_revision": 0, "ini_minor": 0, "ports": 0, "up_time_seconds": None,
+            "reason": "no card in the slot"}
 
 
 # ---------------------------------------------------------------- show and detail
@@ -76,10 +36,9 @@ def test_show_json_lists_every_slot(sandbox, daemon):
     start_listening(sandbox, daemon)
     result = chmgrctl(sandbox, "--json", "show")
     assert result.returncode == 0
-    assert json.loads(result.stdout) == {"slots": [
-        {"slot": s, "card_type": "none", "serial_no": "none", "state": "Empty", "ini_major": 0,
-         "ini_minor": 0, "provisioned": False} for s in range(1, 9)]}
-    assert result.stdout.startswith('{\n  "slots": [\n    {\n      "slot": 1,\n')
+    assert json.loads(result.stdout) == {"schema_version": 1, "command": "show",
+                                         "slots": [empty_slot(s) for s in range(1, 9)]}
+    assert result.stdout.startswith('{\n  "schema_version": 1,\n  "command": "show",\n  "slots": [\n')
     assert result.stdout.endswith("}\n")
 
 
@@ -87,20 +46,30 @@ def test_show_and_detail_of_an_operational_card(sandbox, daemon):
     start_listening(sandbox, daemon)
     bring_up(sandbox, 3)
     show = chmgrctl(sandbox, "show", "3")
-    assert show.stdout == ("SLOT  CARD TYPE    SERIAL NO   STATE        INI  PROVISIONED\n"
-                           "3     KTR9600-C16  SN00000003  Operational  2.5  no\n")
-    detail = chmgrctl(sandbox, "detail", "3")
-    assert detail.stdout == ("Slot 3\n"
-                             "  Card type:    KTR9600-C16\n"
-                             "  Serial no:    SN00000003\n"
-                             "  State:        Operational\n"
-                             "  INI major:    2\n"
-                             "  INI minor:    5\n"
-                             "  Provisioned:  no\n")
-    as_json = json.loads(chmgrctl(sandbox, "detail", "3", "--json").stdout)
-    assert as_json == {"slots": [{"slot": 3, "card_type": "KTR9600-C16", "serial_no": "SN00000003",
-                                  "state": "Operational", "ini_major": 2, "ini_minor": 5,
-                                  "provisioned": False}]}
+    lines = show.stdout.splitlines()
+    assert lines[0] == "SLOT  STATE        ADMIN    STAGE   CARD  SERIAL      UP TIME"
+    assert lines[1].startswith("3     Operational  enabled  ACTIVE  C16   SN00000003  ")
+    assert lines[1].split("  ")[-1].endswith("s")
+    assert len(lines) == 2  # no reason for a slot in service
+    wide = chmgrctl(sandbox, "show", "3", "--wide").stdout.splitlines()
+    assert wide[0] == ("SLOT  STATE        ADMIN    STAGE   AWAITING  PROV  CARD  SERIAL      HW REV  PORTS  "
+                       "UP TIME  REASON")
+    assert wide[1].startswith("3     Operational  enabled  ACTIVE  empty     -     C16   SN00000003  2       16     ")
+    assert wide[1].endswith("  -")
+    detail = chmgrctl(sandbox, "detail", "3").stdout.splitlines()
+    assert detail[:12] == ["Slot 3", "  State:        Operational", "  Admin state:  enabled",
+                           "  Stage:        ACTIVE", "  Awaiting:     empty", "  Reason:       -",
+                           "  Card type:    KTR9600-C16", "  Serial no:    SN00000003", "  HW revision:  2",
+                           "  INI minor:    5", "  Ports:        16", "  Provisioned:  -"]
+    assert detail[12].startswith("  Up time:      ")
+    as_json = chmgrctl_json(sandbox, "detail", "3")
+    slot = as_json["slots"][0]
+    assert slot.pop("up_time_seconds") >= 0
+    assert as_json == {"schema_version": 1, "command": "detail", "slots": [slot]}
+    assert slot == {"slot": 3, "oper_state": "Operational", "admin_state": "enabled", "stage": "ACTIVE",
+                    "stuck": False, "awaited_event": "empty", "provisioned": False, "provisioned_type": None,
+                    "card_type": "KTR9600-C16", "serial_no": "SN00000003", "hw_revision": 2, "ini_minor": 5,
+                    "ports": 16, "reason": None}
 
 
 def test_detail_of_all_slots_prints_eight_blocks(sandbox, daemon):
@@ -109,8 +78,10 @@ def test_detail_of_all_slots_prints_eight_blocks(sandbox, daemon):
     assert result.returncode == 0
     blocks = result.stdout.split("\n\n")
     assert len(blocks) == 8
-    assert blocks[7] == ("Slot 8\n  Card type:    none\n  Serial no:    none\n  State:        Empty\n"
-                         "  INI major:    0\n  INI minor:    0\n  Provisioned:  no\n")
+    assert blocks[7] == ("Slot 8\n  State:        Empty\n  Admin state:  enabled\n  Stage:        -\n"
+                         "  Awaiting:     present\n  Reason:       no card in the slot\n  Card type:    none\n"
+                         "  Serial no:    none\n  HW revision:  0\n  INI minor:    0\n  Ports:        -\n"
+                         "  Provisioned:  -\n  Up time:      -\n")
 
 
 # ---------------------------------------------------------------- administration
@@ -119,13 +90,14 @@ def test_detail_of_all_slots_prints_eight_blocks(sandbox, daemon):
 def test_enable_and_disable_report_each_slot_or_all(sandbox, daemon):
     start_listening(sandbox, daemon)
     assert chmgrctl(sandbox, "enable", "2").stdout == "slot 2: enabled\n"
-    assert chmgrctl(sandbox, "disable", "all").stdout == "all slots: disabled\n"
+    assert chmgrctl(sandbox, "disable", "all").stdout == "".join(f"slot {s}: disabled\n" for s in range(1, 9))
     assert all(line.endswith("disable") for line in sandbox.read("etc/tarnel/cards.conf").splitlines())
     result = chmgrctl(sandbox, "enable", "all", "--json")
     assert result.returncode == 0
-    assert json.loads(result.stdout) == {"command": "enable", "slot": "all", "status": 0}
-    result = chmgrctl(sandbox, "disable", "5", "--json")
-    assert json.loads(result.stdout) == {"command": "disable", "slot": 5, "status": 0}
+    assert json.loads(result.stdout) == {"schema_version": 1, "command": "enable", "slot": "all", "status": 0,
+                                         "results": [{"slot": s, "status": 0} for s in range(1, 9)]}
+    assert chmgrctl_json(sandbox, "disable", "5") == {"schema_version": 1, "command": "disable", "slot": 5,
+                                                     "status": 0, "results": [{"slot": 5, "status": 0}]}
 
 
 def test_success_never_shows_the_stale_text_of_an_earlier_failure(sandbox, daemon):
@@ -146,9 +118,9 @@ def test_provision_refused_for_an_active_card_exits_1_with_the_daemon_text(sandb
                              "before pre-provisioning\n")
     as_json = chmgrctl(sandbox, "provision", "2", "C4", "--json")
     assert as_json.returncode == 1
-    assert json.loads(as_json.stdout) == {
-        "command": "provision", "slot": 2, "status": -16,
-        "message": "Remove active card or disable the slot before pre-provisioning"}
+    text = "Remove active card or disable the slot before pre-provisioning"
+    assert json.loads(as_json.stdout) == {"schema_version": 1, "command": "provision", "slot": 2, "status": -16,
+                                          "results": [{"slot": 2, "status": -16, "message": text}]}
 
 
 def test_provision_timeout_text_is_shown_without_its_line_feed(sandbox, daemon):
@@ -168,10 +140,12 @@ def test_provision_and_unprovision_of_an_empty_slot(sandbox, daemon):
     result = chmgrctl(sandbox, "unprovision", "7")
     assert (result.returncode, result.stdout, result.stderr) == (0, "slot 7: pre-provisioning removed\n", "")
     assert chmgrctl(sandbox, "show", "7", "--json").stdout.count('"provisioned": false') == 1
-    result = chmgrctl(sandbox, "--json", "provision", "7", "C16")
-    assert (result.returncode, json.loads(result.stdout)) == (0, {"command": "provision", "slot": 7, "status": 0})
-    result = chmgrctl(sandbox, "--json", "unprovision", "7")
-    assert (result.returncode, json.loads(result.stdout)) == (0, {"command": "unprovision", "slot": 7, "status": 0})
+    assert chmgrctl_json(sandbox, "provision", "7", "C16") == {
+        "schema_version": 1, "command": "provision", "slot": 7, "status": 0, "results": [{"slot": 7, "status": 0}]}
+    assert chmgrctl_json(sandbox, "show", "7")["slots"][0]["provisioned_type"] == "C16"
+    assert chmgrctl_json(sandbox, "unprovision", "7") == {
+        "schema_version": 1, "command": "unprovision", "slot": 7, "status": 0,
+        "results": [{"slot": 7, "status": 0}]}
 
 
 def test_unprovision_warns_with_the_text_of_a_failed_step(sandbox, daemon):
@@ -181,20 +155,41 @@ def test_unprovision_warns_with_the_text_of_a_failed_step(sandbox, daemon):
     assert result.returncode == 0
     assert result.stdout == "slot 4: pre-provisioning removed\n"
     assert result.stderr == "chmgrctl: warning: slot 4: INI programming for slot failed\n"
-    as_json = chmgrctl(sandbox, "unprovision", "4", "--json")
-    assert json.loads(as_json.stdout) == {"command": "unprovision", "slot": 4, "status": 0,
-                                          "warning": "INI programming for slot failed"}
+    assert chmgrctl_json(sandbox, "unprovision", "4") == {
+        "schema_version": 1, "command": "unprovision", "slot": 4, "status": 0,
+        "results": [{"slot": 4, "status": 0, "warning": "INI programming for slot failed"}]}
 
 
 # ---------------------------------------------------------------- status
 
 
-def test_status_json_is_the_status_document(sandbox, daemon):
+def test_status_json_raw_is_the_status_document(sandbox, daemon):
     start_listening(sandbox, daemon)
-    result = chmgrctl(sandbox, "status", "--json")
+    result = chmgrctl(sandbox, "status", "--json", "--raw")
     assert result.returncode == 0
     assert result.stdout == sandbox.read(DOCUMENT_RELPATH) + "\n"
     assert list(json.loads(result.stdout)) == ["chassis", "Log"] + [f"slot{s}" for s in range(1, 9)]
+
+
+def test_status_json_translates_the_status_document(sandbox, daemon):
+    start_listening(sandbox, daemon)
+    bring_up(sandbox, 4)
+    wait_until(lambda: chmgrctl_json(sandbox, "status", "4")["slots"][0]["exp_event"] == "empty",
+               what="slot 4 to await nothing more")
+    translated = chmgrctl_json(sandbox, "status", "4")
+    document = json.loads(sandbox.read(DOCUMENT_RELPATH))
+    raw = document["slot4"]
+    assert list(translated) == ["schema_version", "command", "chassis", "log", "slots"]
+    assert translated["chassis"] == "KTR9600"
+    assert translated["log"] == [line.rstrip("\n") for line in document["Log"]]
+    slot = translated["slots"][0]
+    assert slot == {
+        "slot": 4, "state": raw["STATE"].rstrip(" "), "exp_event": "empty", "card_type": "KTR9600-C16",
+        "provisioned": False, "disabled": False, "serial_no": "SN00000004", "error": False,
+        "up_time": {"hours": raw["Up Time"]["Hours"], "minutes": raw["Up Time"]["Minutes"],
+                    "seconds": raw["Up Time"]["Seconds"]},
+        "log": [line.rstrip("\n") for line in raw["Log"]]}
+    assert all(not line.endswith("\n") for line in slot["log"]) and slot["log"]
 
 
 def test_status_of_an_active_card_for_people(sandbox, daemon):
@@ -252,6 +247,8 @@ def test_daemon_closing_without_a_reply_is_reported(sandbox):
             assert result.returncode == 3, args
             assert result.stderr == ("chmgrctl: chassis-mgr closed the connection without a reply "
                                      "(the request was refused)\n")
+        result = chmgrctl(sandbox, "--socket", path, "disable", "all", "--json")
+        assert (result.returncode, result.stdout) == (3, "")  # no outcome to report, not a success
     finally:
         server.close()
 
@@ -290,8 +287,8 @@ def test_help_and_version(sandbox):
     result = chmgrctl(sandbox, "--help")
     assert result.returncode == 0
     assert result.stdout.startswith("Usage: chmgrctl [OPTIONS] COMMAND [ARGUMENTS]\n")
-    for word in ("show", "detail", "enable", "disable", "provision", "unprovision", "status", "--socket",
-                 "--json"):
+    for word in ("show", "detail", "enable", "disable", "provision", "unprovision", "status", "watch",
+                 "--socket", "--json", "--timeout", "--until-online", "--wide", "--raw"):
         assert word in result.stdout
     result = chmgrctl(sandbox, "--version")
     assert result.returncode == 0
@@ -310,9 +307,62 @@ def test_help_and_version(sandbox):
     (("unprovision", "3", "4"), "too many arguments for 'unprovision'"),
     (("--bogus", "show"), "unknown option '--bogus'"),
     (("show", "--socket"), "option '--socket' needs a path"),
+    (("show", "--timeout"), "option '--timeout' needs a value"),
+    (("show", "--timeout", "0"), "invalid time limit '0' (expected seconds, more than 0)"),
+    (("show", "--timeout=soon"), "invalid time limit 'soon' (expected seconds, more than 0)"),
+    (("show", "--until-online", "3"), "option '--until-online' belongs to 'watch'"),
+    (("watch", "2", "--until-online", "3"), "slot 3 of '--until-online' is not watched"),
+    (("watch", "--until-online", "9"), "invalid slot '9' (expected 1 to 8)"),
+    (("watch", "--interval", "-1"), "invalid interval '-1' (expected seconds, more than 0)"),
+    (("show", "--raw"), "option '--raw' belongs to 'status'"),
 ])
 def test_usage_errors_exit_2(sandbox, args, message):
     result = chmgrctl(sandbox, *args)
     assert result.returncode == 2
     assert result.stdout == ""
     assert result.stderr == f"chmgrctl: {message}\nTry 'chmgrctl --help' for more information.\n"
+
+
+# ---------------------------------------------------------------- the JSON form
+
+
+def test_every_json_output_follows_the_documented_schema(sandbox, daemon):
+    start_listening(sandbox, daemon)
+    sandbox.write("var/run/hw-management/events/lc7_synced", "1")
+    outputs = {}
+    for args in (("show",), ("show", "2"), ("detail",), ("detail", "8"), ("status",), ("status", "5"),
+                 ("enable", "all"), ("disable", "3"), ("enable", "3"), ("provision", "7", "C16"),
+                 ("unprovision", "7"), ("provision", "6", "C4")):
+        result = chmgrctl(sandbox, *args, "--json")
+        value = json.loads(result.stdout)
+        assert_valid(value)
+        assert value["schema_version"] == 1
+        assert value["command"] == args[0]
+        outputs[args] = value
+    assert outputs[("provision", "6", "C4")]["status"] == -16  # a refusal follows the same form
+    watch = chmgrctl(sandbox, "watch", "--json", "--timeout", "0.3", "--interval", "0.1")
+    lines = [json.loads(line) for line in watch.stdout.splitlines()]
+    assert [line["event"] for line in lines] == ["slot"] * 8 + ["end"]
+    for line in lines:
+        assert_valid(line)
+
+
+def schema_keywords(node):
+    """Every keyword used anywhere in a schema (property and definition names excluded)."""
+    found = set()
+    if isinstance(node, dict):
+        for key, value in node.items():
+            found.add(key)
+            children = value.values() if key in ("properties", "$defs") else [value]
+            for child in children:
+                found |= schema_keywords(child)
+    elif isinstance(node, list):
+        for element in node:
+            found |= schema_keywords(element)
+    return found
+
+
+def test_the_schema_uses_only_what_the_tests_check():
+    schema = load_schema()
+    assert schema_keywords(schema) <= KNOWN_KEYWORDS
+    assert errors({}, schema)  # an empty object matches no output

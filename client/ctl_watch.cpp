@@ -1,0 +1,363 @@
+/*
+ * chmgrctl watch: follows the slots by asking the daemon for its status
+ * document at a steady pace.  Each slot's state is reported when it
+ * changes, and each new line of a slot's log that records a stage change
+ * (or an error or warning) is reported once, with the daemon's time stamp.
+ * On a terminal the view is redrawn in place; otherwise every report is
+ * one JSON object on a line of its own.
+ */
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <deque>
+#include <set>
+
+#include "ctl_client.h"
+#include "ctl_json.h"
+#include "ctl_output.h"
+#include "ctl_request.h"
+#include "ctl_slot_view.h"
+#include "json.h"
+
+namespace chmgrctl {
+
+namespace {
+
+constexpr double kDefaultIntervalS = 0.5;
+constexpr int64_t kRequestLimitMs = 10000;  // each look, whatever the watch's own limit
+constexpr size_t kBarCells = 12;            // two per stage
+constexpr size_t kMaxShownTransitions = 200;
+
+constexpr const char kShowCursor[] = "\033[?25h";
+constexpr const char kHideCursor[] = "\033[?25l";
+constexpr const char kHomeAndClear[] = "\033[H\033[2J";
+
+volatile sig_atomic_t g_terminal_mode = 0;
+
+/* Ctrl-C (or a termination request) ends the watch at once; the cursor is
+ * given back to the terminal first. */
+void leave_on_signal(int signal_number) {
+    if (g_terminal_mode) {
+        ssize_t ignored = write(STDOUT_FILENO, kShowCursor, sizeof kShowCursor - 1);
+        ignored = write(STDOUT_FILENO, "\n", 1);
+        (void)ignored;
+    }
+    _exit(128 + signal_number);
+}
+
+void install_signal_handlers() {
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = leave_on_signal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGHUP, &action, nullptr);
+}
+
+double wall_clock() {
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    return (double)now.tv_sec + (double)now.tv_usec / 1e6;
+}
+
+struct Transition {
+    uint32_t slot;
+    RingLine line;
+    std::string stage;  // "PRESENT" .. "ACTIVE", "EMPTY", or empty for a log line
+};
+
+struct SlotTrack {
+    bool seen = false;
+    unsigned stage_bits = 0;        // the stages reached at the previous look
+    std::string key;                // what a change of the slot's state compares
+    std::set<std::string> lines;    // the log lines of the previous look
+};
+
+struct WatchState {
+    SlotTrack tracks[MAX_SLOTS_FOR_9600];
+    std::vector<SlotView> views;
+    std::deque<Transition> transitions;  // for the terminal view
+    bool first_look = true;
+};
+
+std::string state_key(const SlotView &view) {
+    return view.oper_state + "|" + (view.disabled ? "d" : "e") + "|" + stage_name(view.stage) + "|" +
+           (view.stuck ? "s" : "") + "|" + view.awaited_event + "|" + view.reason;
+}
+
+double stage_seconds(const SlotView &view, double now) {
+    return view.stage_since > 0 && view.stage != STAGE_NONE ? now - view.stage_since : -1;
+}
+
+JsonNode *seconds_or_null(double seconds) { return seconds < 0 ? json_mknull() : json_mknumber((double)(long long)(seconds * 1000) / 1000); }
+
+void emit_slot_json(const SlotView &view, double now, double scale) {
+    JsonNode *root = schema_object("watch");
+    json_append_member(root, "event", json_mkstring("slot"));
+    json_append_member(root, "time", json_mknumber(now));
+    JsonNode *slot = slot_view_json(view);
+    for (JsonNode *member = json_first_child(slot); member;) {
+        JsonNode *next = member->next;
+        std::string key = member->key;
+        json_remove_from_parent(member);
+        json_append_member(root, key.c_str(), member);
+        member = next;
+    }
+    json_delete(slot);
+    double in_stage = stage_seconds(view, now);
+    json_append_member(root, "stage_seconds", seconds_or_null(in_stage));
+    json_append_member(root, "remaining_seconds",
+                       seconds_or_null(remaining_fixed_wait(view.stage, view.held, in_stage < 0 ? 0 : in_stage, scale)));
+    print_json(stdout, root, true);
+    json_delete(root);
+}
+
+void emit_line_json(const Transition &transition) {
+    JsonNode *root = schema_object("watch");
+    bool is_stage = !transition.stage.empty();
+    json_append_member(root, "event", json_mkstring(is_stage ? "transition" : "log"));
+    json_append_member(root, "time", json_mknumber(transition.line.epoch));
+    json_append_member(root, "slot", json_mknumber(transition.slot));
+    /* A stage seen only in the state has no log line: no clock, no message. */
+    bool from_log = !transition.line.clock.empty();
+    json_append_member(root, "clock", from_log ? json_text(transition.line.clock) : json_mknull());
+    if (is_stage) json_append_member(root, "stage", json_mkstring(transition.stage.c_str()));
+    json_append_member(root, "level", json_text(transition.line.level));
+    json_append_member(root, "message", from_log ? json_text(transition.line.message) : json_mknull());
+    print_json(stdout, root, true);
+    json_delete(root);
+}
+
+/* Stages the card reached since the previous look whose log line has
+ * already left the slot's log (it keeps the last 24 lines): reported from
+ * the state, with the time of the look and no message. */
+std::vector<Transition> missed_stages(const SlotView &view, const SlotTrack &track,
+                                      const std::vector<Transition> &reported, double now) {
+    std::vector<Transition> missed;
+    unsigned gained = view.stage_bits & ~track.stage_bits;
+    if (!(view.stage_bits & 1u)) return missed;
+    for (int stage = 0; stage < kStageCount; ++stage) {
+        if (!(gained & (1u << stage))) continue;
+        bool seen = false;
+        for (const Transition &line : reported) seen = seen || line.stage == stage_name((Stage)stage);
+        if (seen) continue;
+        Transition transition;
+        transition.slot = view.slot;
+        transition.stage = stage_name((Stage)stage);
+        transition.line.epoch = now;
+        transition.line.level = "INFO";
+        missed.push_back(transition);
+    }
+    return missed;
+}
+
+/* The new lines of a slot's log that are worth a report. */
+std::vector<Transition> new_lines(const SlotView &view, SlotTrack *track) {
+    std::vector<Transition> found;
+    std::set<std::string> now(view.log.begin(), view.log.end());
+    for (const std::string &text : view.log) {
+        if (track->lines.count(text)) continue;
+        Transition transition;
+        transition.slot = view.slot;
+        if (!parse_ring_line(text, &transition.line)) continue;
+        bool empty = false;
+        Stage stage = transition_stage(transition.line.message, &empty);
+        if (stage != STAGE_NONE) transition.stage = stage_name(stage);
+        if (empty) transition.stage = "EMPTY";
+        if (transition.stage.empty() && transition.line.level != "ERR" && transition.line.level != "WARN") continue;
+        found.push_back(transition);
+    }
+    track->lines.swap(now);
+    return found;
+}
+
+std::string progress_bar(const SlotView &view) {
+    std::string bar = "[";
+    for (int stage = 0; stage < kStageCount; ++stage) {
+        bool reached = view.stage != STAGE_NONE && stage <= view.stage;
+        bar += reached ? (view.stuck && stage == view.stage ? "!!" : "##") : "--";
+    }
+    static_assert(kBarCells == 2 * kStageCount, "two cells per stage");
+    return bar + "]";
+}
+
+int terminal_rows() {
+    struct winsize size;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0) return size.ws_row;
+    return 24;
+}
+
+void draw_terminal(const WatchState &state, double now, double scale) {
+    std::string screen = kHomeAndClear;
+    char line[512];
+    time_t seconds = (time_t)now;
+    struct tm local;
+    localtime_r(&seconds, &local);
+    char clock[32];
+    strftime(clock, sizeof clock, "%F %T", &local);
+    snprintf(line, sizeof line, "chmgrctl watch   %s   (Ctrl-C to leave)\n\n", clock);
+    screen += line;
+    for (const SlotView &view : state.views) {
+        double in_stage = stage_seconds(view, now);
+        double left = remaining_fixed_wait(view.stage, view.held, in_stage < 0 ? 0 : in_stage, scale);
+        std::string stage = view.stuck ? std::string("stuck ") + stage_name(view.stage) : stage_name(view.stage);
+        snprintf(line, sizeof line, "slot %u  %-11s %s %-14s %7s  %s  %s\n", view.slot, view.oper_state.c_str(),
+                 progress_bar(view).c_str(), stage.c_str(), duration_text(in_stage < 0 ? -1 : (long long)in_stage).c_str(),
+                 left < 0 ? "          " : ("~" + duration_text((long long)(left + 0.999)) + " left").c_str(),
+                 printable(view.reason.empty() ? "in service" : view.reason).c_str());
+        screen += line;
+    }
+    screen += "\nStage changes, errors and warnings:\n";
+    int room = terminal_rows() - (int)state.views.size() - 6;
+    size_t shown = room > 0 ? (size_t)room : 0;
+    size_t first = state.transitions.size() > shown ? state.transitions.size() - shown : 0;
+    for (size_t i = first; i < state.transitions.size(); ++i) {
+        const Transition &t = state.transitions[i];
+        snprintf(line, sizeof line, "  %-19s  slot %u  %s\n", t.line.clock.empty() ? "(not logged)" : t.line.clock.c_str(), t.slot,
+                 printable(t.stage.empty() ? t.line.level + " " + t.line.message : "-> " + t.stage).c_str());
+        screen += line;
+    }
+    fputs(screen.c_str(), stdout);
+    fflush(stdout);
+}
+
+/* One look at the daemon; false when it gave no proper answer. */
+bool look(const Options &options, const Request &request, WatchState *state, double scale, bool terminal) {
+    std::vector<unsigned char> reply;
+    std::string text;
+    if (!daemon_request(options, request, DEBUG_SLOT, request.slot_no, true, &reply) ||
+        !reply_document(reply, &text))
+        return false;
+    JsonNode *document = json_decode(text.c_str());
+    double now = wall_clock();
+    state->views.clear();
+    for (uint32_t slot = 1; slot <= MAX_SLOTS_FOR_9600; ++slot) {
+        std::string key = "slot" + std::to_string(slot);
+        JsonNode *object = json_find_member(document, key.c_str());
+        if (!object || object->tag != JSON_OBJECT) continue;
+        SlotView view;
+        build_slot_view(nullptr, object, -1, &view);
+        SlotTrack *track = &state->tracks[slot - 1];
+        std::vector<Transition> lines = new_lines(view, track);
+        std::vector<Transition> missed = missed_stages(view, *track, lines, now);
+        lines.insert(lines.begin(), missed.begin(), missed.end());
+        track->stage_bits = view.stage_bits;
+        if (state->first_look) lines.clear();  // history before the watch began is not news
+        for (const Transition &line : lines) {
+            if (terminal)
+                state->transitions.push_back(line);
+            else
+                emit_line_json(line);
+        }
+        std::string changed = state_key(view);
+        if (!terminal && (!track->seen || changed != track->key)) emit_slot_json(view, now, scale);
+        track->seen = true;
+        track->key = changed;
+        state->views.push_back(view);
+    }
+    while (state->transitions.size() > kMaxShownTransitions) state->transitions.pop_front();
+    state->first_look = false;
+    json_delete(document);
+    if (terminal) draw_terminal(*state, now, scale);
+    return true;
+}
+
+enum Outcome { OUTCOME_NONE, OUTCOME_OPERATIONAL, OUTCOME_STUCK };
+
+/* The end of an --until-online watch: operational, or not coming up
+ * without someone's help (stuck, unsupported card, wrong card type). */
+Outcome watched_outcome(const WatchState &state, uint32_t slot, std::string *reason) {
+    for (const SlotView &view : state.views) {
+        if (view.slot != slot) continue;
+        *reason = view.reason;
+        if (view.oper_state == "Operational") return OUTCOME_OPERATIONAL;
+        if (view.held && !view.disabled) return OUTCOME_STUCK;  // an administrator may enable a slot
+    }
+    return OUTCOME_NONE;
+}
+
+void emit_end(bool json, uint32_t slot, const char *outcome, const std::string &reason) {
+    if (!json) return;
+    JsonNode *root = schema_object("watch");
+    json_append_member(root, "event", json_mkstring("end"));
+    json_append_member(root, "time", json_mknumber(wall_clock()));
+    json_append_member(root, "slot", slot ? json_mknumber(slot) : json_mknull());
+    json_append_member(root, "outcome", json_mkstring(outcome));
+    json_append_member(root, "reason", reason.empty() ? json_mknull() : json_text(reason));
+    print_json(stdout, root, true);
+    json_delete(root);
+}
+
+void sleep_seconds(double seconds) {
+    struct timespec pause;
+    pause.tv_sec = (time_t)seconds;
+    pause.tv_nsec = (long)((seconds - (double)pause.tv_sec) * 1e9);
+    nanosleep(&pause, nullptr);
+}
+
+}  // namespace
+
+int run_watch(const Options &options, const Request &request) {
+    bool terminal = !options.json && isatty(STDOUT_FILENO);
+    bool json = !terminal;
+    double scale = environment_time_scale();
+    double interval = options.interval_s > 0 ? options.interval_s : kDefaultIntervalS;
+    int64_t end_ms = options.timeout_s > 0 ? monotonic_ms() + (int64_t)(options.timeout_s * 1000) : 0;
+
+    g_terminal_mode = terminal;
+    install_signal_handlers();
+    if (terminal) fputs(kHideCursor, stdout);
+
+    WatchState state;
+    int exit_status = EXIT_DONE;
+    const char *outcome = "stopped";
+    std::string reason;
+    for (;;) {
+        Options look_options = options;
+        int64_t left_ms = end_ms ? end_ms - monotonic_ms() : kRequestLimitMs;
+        look_options.timeout_s = (double)(left_ms < kRequestLimitMs ? (left_ms > 1 ? left_ms : 1) : kRequestLimitMs) / 1000.0;
+        if (!look(look_options, request, &state, scale, terminal)) {
+            exit_status = EXIT_NO_ANSWER;
+            outcome = "no_answer";
+            break;
+        }
+        Outcome result = options.until_online ? watched_outcome(state, options.until_online, &reason) : OUTCOME_NONE;
+        if (result == OUTCOME_OPERATIONAL) {
+            outcome = "operational";
+            break;
+        }
+        if (result == OUTCOME_STUCK) {
+            exit_status = EXIT_REFUSED;
+            outcome = "stuck";
+            break;
+        }
+        if (end_ms && monotonic_ms() + (int64_t)(interval * 1000) > end_ms) {
+            if (options.until_online) {
+                exit_status = EXIT_NOT_YET;
+                outcome = "time_limit";
+            }
+            break;
+        }
+        sleep_seconds(interval);
+    }
+    emit_end(json, options.until_online, outcome, reason);
+    if (terminal) {
+        fputs(kShowCursor, stdout);
+        fflush(stdout);
+    }
+    g_terminal_mode = 0;
+    if (options.until_online && exit_status == EXIT_REFUSED)
+        fprintf(stderr, "chmgrctl: slot %u will not come up: %s\n", options.until_online, reason.c_str());
+    if (exit_status == EXIT_NOT_YET)
+        fprintf(stderr, "chmgrctl: slot %u not operational after %g s: %s\n", options.until_online, options.timeout_s,
+                reason.c_str());
+    return exit_status;
+}
+
+}  // namespace chmgrctl
