@@ -66,6 +66,7 @@ install(FILES "${_chmgr_src}/contrib/bash-completion/chmgrctl"
         DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT daemon OPTIONAL)
 
 install(FILES "${_chmgr_src}/README.md" "${_chmgr_src}/docs/operations.md"
+              "${_chmgr_src}/docs/chmgrctl.schema.json"
         DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT daemon)
 install(FILES "${_chmgr_src}/docs/architecture.md" "${_chmgr_src}/docs/cards-conf.md"
         DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT daemon OPTIONAL)
