@@ -75,6 +75,20 @@ def poll(predicate, timeout, interval=0.003):
         time.sleep(interval)
 
 
+def read_rewritten(path, timeout):
+    """The text of a file the daemon rewrites by removing it and renaming its
+    new content into place: missing for a moment during each rewrite, so a
+    missing file is looked for again until `timeout`; None if still missing."""
+    deadline = time.monotonic() + timeout
+    while True:
+        try:
+            return path.read_text()
+        except FileNotFoundError:
+            if time.monotonic() >= deadline:
+                return None
+        time.sleep(0.001)
+
+
 class Chassis:
     """The emulated root, the hardware emulator and the daemon on top.
 
@@ -210,7 +224,10 @@ class Chassis:
     def conf(self):
         """{slot: fields of its cards.conf line}."""
         lines = {}
-        for line in self.path(CONF).read_text().splitlines():
+        text = read_rewritten(self.path(CONF), self.factor)
+        if text is None:
+            raise FileNotFoundError(self.path(CONF))
+        for line in text.splitlines():
             fields = line.split()
             if fields and fields[0].isdigit():
                 lines[int(fields[0])] = fields
@@ -218,7 +235,8 @@ class Chassis:
 
     def port_counts(self):
         counts = {slot: 0 for slot in SLOTS}
-        for line in self.path(PORTS).read_text().splitlines() if self.path(PORTS).exists() else []:
+        text = read_rewritten(self.path(PORTS), 0.1 * self.factor) or ""  # none before the first card
+        for line in text.splitlines():
             fields = line.split()
             if len(fields) == 4 and not line.startswith("#"):
                 counts[int(fields[1])] = counts.get(int(fields[1]), 0) + 1
