@@ -63,9 +63,10 @@ class SigpipeBlocked {
  * starts with "<N>", its syslog priority, which the journal turns into the
  * entry's priority and strips from the text. */
 relaxed<int> g_console_to_journal;
-/* The journal's last console line has no newline yet (written under the
- * stream's lock), so the text that continues it gets no second prefix. */
-bool g_console_mid_line;
+/* The journal's last console line has no newline yet, so the text that
+ * continues it gets no second prefix.  Written under the stream's lock,
+ * which the thread checker does not see: hence a relaxed atomic. */
+relaxed<bool> g_console_mid_line;
 
 /* Messages without a level word are informational; a line printed whatever
  * the threshold is a notice. */
