@@ -204,6 +204,17 @@ bool set_linecard_disable(int slot_id, bool disable) {
     return unready && powered_off;
 }
 
+/* Programs the INI of the provisioned type.  Programming records the INI's
+ * card type as the slot's; a card already in the slot (disabled) keeps its
+ * own, so that its bring-up still tells it from the provisioned type and,
+ * once the provisioning is taken back, gets its own INI and ports. */
+bool program_provisioned_ini(int slot_id, slotInfo *slot) {
+    int card_in_slot = slot->card_type;
+    bool programmed = check_and_update_ini_for_lc_insert(slot_id);
+    if (slot_has_card(slot)) slot->card_type = card_in_slot;
+    return programmed;
+}
+
 /* `pprovision_cmd` heads the request buffer (at least 152 bytes): the
  * reply's status and status_str are written over it. */
 bool pre_provision_cmd(ctlPreProvisionCmd *pprovision_cmd) {
@@ -237,7 +248,7 @@ bool pre_provision_cmd(ctlPreProvisionCmd *pprovision_cmd) {
     slot->current_state &= ~SLOT_SYNCED;
     slot->in_transition_reload_portd = 1;
 
-    if (!check_and_update_ini_for_lc_insert(slot_id)) {
+    if (!program_provisioned_ini(slot_id, slot)) {
         CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Failed to locate and program INI\n");
         ctl_set_failure(reply, NO_INI_TEXT);
         return drop_reload_latch(slot);

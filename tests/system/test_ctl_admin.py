@@ -147,3 +147,41 @@ def test_unprovision_of_a_bad_slot_is_refused(sandbox, daemon):
     assert status == FAILURE
     assert text == padded(b"Bad slot received from CTL cmd")
     assert "ctl_admin.cpp:<N> ERR Bad slot(9) received from CTL cmd" in console_lines(handle)
+
+
+PORT_LIST_RELPATH = "etc/brl/chmgr_ports_list.txt"
+
+
+def port_count(sandbox, slot):
+    lines = sandbox.read(PORT_LIST_RELPATH).splitlines()
+    return sum(1 for line in lines if not line.startswith("#") and line.split()[1:2] == [str(slot)])
+
+
+def c4_disabled_and_provisioned_for_c16(sandbox, daemon, slot):
+    """A 4-port card in service, then disabled and its slot pre-provisioned
+    for the 16-port card (whose INI is programmed into the slot)."""
+    handle = start_listening(sandbox, daemon)
+    sandbox.start_emulator()
+    sandbox.insert(slot, pn="KTR9600-C4", sn=f"SN{slot:08d}", rev=2)
+    wait_until(lambda: slot_state(sandbox, slot) == "Operational", timeout=20, what=f"slot {slot} to be operational")
+    assert port_count(sandbox, slot) == 4
+    assert command(sandbox, LINECARD_DISABLE, slot)[0] == 0
+    command(sandbox, PRE_PROVISION_ENABLE, slot, card_type=3)
+    return handle
+
+
+def test_card_in_a_slot_provisioned_for_another_type_keeps_its_own_type(sandbox, daemon):
+    handle = c4_disabled_and_provisioned_for_c16(sandbox, daemon, 5)
+    assert command(sandbox, LINECARD_ENABLE, 5)[0] == 0
+    wrong = "[SLOT5] transitions_power.cpp:<N> ERR Different card inserted than what is pre-provisioned"
+    wait_until(lambda: wrong in console_lines(handle), what="the card to be refused")
+    assert slot_state(sandbox, 5) != "Operational"
+
+
+def test_card_comes_back_with_its_own_ports_after_the_provisioning_is_taken_back(sandbox, daemon):
+    c4_disabled_and_provisioned_for_c16(sandbox, daemon, 5)
+    assert command(sandbox, PRE_PROVISION_DISABLE, 5)[0] == 0
+    assert command(sandbox, LINECARD_ENABLE, 5)[0] == 0
+    wait_until(lambda: slot_state(sandbox, 5) == "Operational", timeout=20, what="slot 5 to be operational again")
+    assert port_count(sandbox, 5) == 4
+    assert conf_line(sandbox, 5)[1:4] == ["400G", "0G", "400G"]

@@ -34,7 +34,9 @@ class Lines:
         self.prefix = f"[SLOT{slot}] "
 
     def messages(self):
-        return [line.split(" ", 2)[2] for line in console_lines(self.handle) if line.startswith(self.prefix)]
+        # A line still being written when the console is read may lack its message.
+        parts = [line.split(" ", 2) for line in console_lines(self.handle) if line.startswith(self.prefix)]
+        return [part[2] for part in parts if len(part) == 3]
 
     def count(self, message):
         return self.messages().count(message)
