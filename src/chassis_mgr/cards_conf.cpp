@@ -176,16 +176,20 @@ size_t format_data_line(const Rewrite &rw, long number, const cardsConfEntry &en
 
 /* ---- start-up load ---------------------------------------------------- */
 
-void apply_to_slot_record(const cardsConfEntry &entry) {
-    slotInfo *slot = &g_slots_info[entry.slot_id - 1];
-    /* An "enable" never clears it: the record starts enabled. */
-    if (cards_conf_admin_disables(entry.admin_state)) slot->disabled = 1;
+void log_loaded_line(const cardsConfEntry &entry) {
     CM_LOG_SLOT(LOG_LEVEL_INFO, entry.slot_id,
                 "detected speed = %d, provisioned speed = %d, configured speed = %d in cards.conf\n",
                 entry.detected_speed, entry.provisioned_speed, entry.configured_speed);
     CM_LOG_SLOT(LOG_LEVEL_INFO, entry.slot_id, "dirty_flag = %d, state = %.*s, admin_state = %.*s in cards.conf\n",
                 entry.dirty_flag, clamp_length(entry.state), entry.state.data(),
                 clamp_length(entry.admin_state), entry.admin_state.data());
+}
+
+void apply_to_slot_record(const cardsConfEntry &entry) {
+    slotInfo *slot = &g_slots_info[entry.slot_id - 1];
+    /* An "enable" never clears it: the record starts enabled. */
+    if (cards_conf_admin_disables(entry.admin_state)) slot->disabled = 1;
+    log_loaded_line(entry);
     if (entry.provisioned_speed > 0) {
         slot->provisioned = 1;
         slot->provisioned_type = cards_conf_speed_card_type(entry.provisioned_speed);
@@ -194,18 +198,19 @@ void apply_to_slot_record(const cardsConfEntry &entry) {
 }
 
 /* A line whose first field reads as 0 (comment, header, blank line, slot
- * "0") is dropped silently; any other slot number outside 1 to 8 is dropped
- * with a log line, so nothing addresses a slot that does not exist. */
+ * "0") is dropped silently.  Any other slot number outside 1 to 8 has no
+ * slot record: its line is logged like every data line, and left out of
+ * the rewrite without touching a record. */
 void load_line(const Rewrite &rw, Output *out, long number, std::string_view raw) {
     std::string_view text = cards_conf_line_text(raw);
     int slot = cards_conf_int(cards_conf_slot_field(text));
     if (slot == 0) return;
-    if (slot < 1 || slot > MAX_SLOTS_FOR_9600) {
-        log_dropped_line(rw, number, "slot number outside 1 to 8");
-        return;
-    }
     cardsConfEntry entry;
     if (!parse_data_line(rw, number, text, &entry)) return;
+    if (slot < 1 || slot > MAX_SLOTS_FOR_9600) {
+        log_loaded_line(entry);
+        return;
+    }
     cardsConfEntry written = entry;
     written.dirty_flag = 0;
     written.state = CARDS_CONF_STATE_OFFLINE;

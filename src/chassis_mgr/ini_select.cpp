@@ -40,17 +40,6 @@ bool read_command_line(const char *command, char *line, int size) {
     return true;
 }
 
-/* The release goes into a shell command: only the characters a kernel
- * release is made of are accepted. */
-bool release_is_safe(const char *release) {
-    for (const char *c = release; *c; ++c) {
-        bool ok = (*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') || (*c >= '0' && *c <= '9') ||
-                  *c == '.' || *c == '_' || *c == '-' || *c == '+';
-        if (!ok) return false;
-    }
-    return true;
-}
-
 /* Decimal value of an EEPROM field, read like the card's VPD revision:
  * strtol's result used as a 32-bit int (text without digits gives 0), so
  * the same text gives the same revision from both. */
@@ -180,10 +169,6 @@ bool get_sdk_packaged_ini_info(int card_type, iniInfo *ini_info) {
     char release[PIPE_LINE_SIZE];
     if (!read_command_line("uname -r", release, sizeof release)) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to locate INI directory (popen error)\n");
-        return false;
-    }
-    if (!release_is_safe(release)) {
-        CM_LOG(LOG_LEVEL_ERR, "Unable to locate INI directory (unusable kernel release %s)\n", release);
         return false;
     }
     char command[CM_PATH_SIZE];

@@ -59,19 +59,14 @@ void write_entry(FILE *file, int line_no, int slot_id, int module_port, int loca
     fprintf(file, PORT_LIST_ENTRY_FORMAT, line_no, slot_id, module_port, local_port);
 }
 
-/* The text of a line without its line end, for a log line of its own. */
-int line_text_length(const char *line) { return (int)strcspn(line, "\r\n"); }
-
 /* A field is a decimal number read by strtol and kept in 32 unsigned bits
  * (text without digits reads as 0).  Written back with "%d", any value
  * reads back as the same 32 bits: -2 stays -2, 4294967295 becomes -1. */
 uint32_t field_value(const char *text) { return (uint32_t)strtol(text, nullptr, 10); }
 
-/* Parses one entry line.  Returns false for lines that carry no entry
- * (comments, blank lines, text) and sets *p_malformed for an entry line
- * with fewer than four fields, which has nothing to read a number from. */
-bool parse_entry_line(char *line, chmgr_port_list_t *entry, bool *p_malformed) {
-    *p_malformed = false;
+/* Parses one entry line.  Returns false for lines that carry no entry:
+ * comments, blank lines, text, and lines with fewer than four fields. */
+bool parse_entry_line(char *line, chmgr_port_list_t *entry) {
     if (line[0] == '#' || line[0] == '\0') return false;
     char *text = line + strspn(line, " \t");
     if (*text < '0' || *text > '9') return false;
@@ -83,10 +78,9 @@ bool parse_entry_line(char *line, chmgr_port_list_t *entry, bool *p_malformed) {
     fields[2] = strtok_r(nullptr, " \t", &save);
     /* The line feed stays on the last field; strtol stops at it. */
     fields[3] = strtok_r(nullptr, " \r", &save);
-    if (!fields[1] || !fields[2] || !fields[3]) {
-        *p_malformed = true;
-        return false;
-    }
+    /* A missing field has no text to convert: the line is passed over like
+     * any other line that is not an entry. */
+    if (!fields[1] || !fields[2] || !fields[3]) return false;
     entry->line_no = field_value(fields[0]);
     entry->slot_id = field_value(fields[1]);
     entry->module_port = field_value(fields[2]);
@@ -199,14 +193,7 @@ int port_list_read(FILE *file, chmgr_port_list_t *table, int capacity, int *p_dr
     char line[PORT_LIST_READ_LINE_SIZE];
     while (fgets(line, sizeof line, file)) {
         chmgr_port_list_t entry;
-        bool malformed = false;
-        char fields[PORT_LIST_READ_LINE_SIZE];
-        memcpy(fields, line, strlen(line) + 1);  /* the parser cuts its copy into fields */
-        if (!parse_entry_line(fields, &entry, &malformed)) {
-            if (malformed)
-                CM_LOG(LOG_LEVEL_ERR, "Skipping malformed port list line: %.*s\n", line_text_length(line), line);
-            continue;
-        }
+        if (!parse_entry_line(line, &entry)) continue;
         if (kept < capacity)
             table[kept++] = entry;
         else
@@ -235,11 +222,10 @@ bool delete_ports_list_conf(int slot_id, ks_port_attributes_t *p_port_attr_list,
     }
     struct stat replaced;
     bool have_replaced = fstat(fileno(file), &replaced) == 0;
+    /* Entries beyond the table's 128 would be written past it: they are left
+     * out of the rewrite, as silently as every other line the read passes over. */
     chmgr_port_list_t port_list[PORT_LIST_MAX_ENTRIES];
-    int dropped = 0;
-    int count = port_list_read(file, port_list, PORT_LIST_MAX_ENTRIES, &dropped);
-    if (dropped > 0)
-        CM_LOG(LOG_LEVEL_ERR, "%s holds more than %d entries, %d dropped\n", path, PORT_LIST_MAX_ENTRIES, dropped);
+    int count = port_list_read(file, port_list, PORT_LIST_MAX_ENTRIES, nullptr);
 
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Deleting entries\n");
     for (int i = 0; i < count; ++i) {

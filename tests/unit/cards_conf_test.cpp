@@ -383,7 +383,7 @@ TEST_F(CardsConfTest, StartupLoadDropsSlotZeroLinesSilently) {
     EXPECT_EQ(ring_lines(2).size(), 2u);
 }
 
-TEST_F(CardsConfTest, StartupLoadDropsSlotNumbersOutsideOneToEightWithALogLine) {
+TEST_F(CardsConfTest, StartupLoadLogsSlotNumbersOutsideOneToEightAndDropsThemWithoutARecord) {
     write_conf("# header\n"
                "0 400G 0G 400G 1 Online disable\n"
                "9 400G 0G 400G 1 Online disable\n"
@@ -393,10 +393,21 @@ TEST_F(CardsConfTest, StartupLoadDropsSlotNumbersOutsideOneToEightWithALogLine) 
                "3abc 100G 0G 100G 1 Online enable\n");
     ASSERT_TRUE(update_info_from_cards_conf());
     EXPECT_EQ(conf(), data_line(3, 100, 0, 100, 0, "Offline", "enable"));
-    EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{dropped(3, "slot number outside 1 to 8"),
-                                                            dropped(4, "slot number outside 1 to 8"),
-                                                            dropped(5, "slot number outside 1 to 8"),
-                                                            dropped(6, "slot number outside 1 to 8")}));
+    const std::string speeds = "detected speed = 400, provisioned speed = 0, configured speed = 400 in cards.conf\n";
+    const std::string flags = "dirty_flag = 1, state = Online, admin_state = disable in cards.conf\n";
+    EXPECT_EQ(normalize(console_.text()),
+              "[SLOT9] cards_conf.cpp:<N> " + speeds + "[SLOT9] cards_conf.cpp:<N> " + flags +
+                  "cards_conf.cpp:<N> " + speeds + "cards_conf.cpp:<N> " + flags +
+                  "cards_conf.cpp:<N> " + speeds + "cards_conf.cpp:<N> " + flags +
+                  "cards_conf.cpp:<N> " + speeds + "cards_conf.cpp:<N> " + flags +
+                  "[SLOT3] cards_conf.cpp:<N> detected speed = 100, provisioned speed = 0, configured speed = 100 "
+                  "in cards.conf\n"
+                  "[SLOT3] cards_conf.cpp:<N> dirty_flag = 1, state = Online, admin_state = enable in cards.conf\n");
+    EXPECT_EQ(normalized_ring(0), (std::vector<std::string>{"[SLOT9:INFO]<T> cards_conf.cpp:<N> " + speeds,
+                                                            "[SLOT9:INFO]<T> cards_conf.cpp:<N> " + flags,
+                                                            info_line(speeds), info_line(flags),
+                                                            info_line(speeds), info_line(flags),
+                                                            info_line(speeds), info_line(flags)}));
     EXPECT_EQ(slot(3).card_type, CARD_TYPE_16X100G);
     for (int n : {1, 2, 4, 5, 6, 7, 8}) {
         expect_records_untouched(n);

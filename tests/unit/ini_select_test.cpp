@@ -252,13 +252,15 @@ TEST_F(IniSelectTest, VeryLongUnameLineIsCutToTheLineBuffer) {
     EXPECT_EQ(console(), executing_line(std::string(126, 'x')) + "ini_select.cpp:<N> ERR Unable to read INI file \n");
 }
 
-TEST_F(IniSelectTest, ReleaseWithShellCharactersIsRefused) {
-    uname_prints("5.10;touch " + root_.at("/pwned") + "\n");
+TEST_F(IniSelectTest, ReleaseOutsideLettersDigitsAndDotsFindsItsImage) {
+    const std::string release = "5.10.0~tarnel";
+    uname_prints(release + "\n");
+    root_.write(ini_dir(release) + "Buff_KTR9600-C16_INI_EPROM_A.bin", kShippedHeader);
     iniInfo ini{};
-    EXPECT_FALSE(get_sdk_packaged_ini_info(3, &ini));
-    EXPECT_FALSE(root_.exists("/pwned"));
-    EXPECT_EQ(console(), "ini_select.cpp:<N> ERR Unable to locate INI directory (unusable kernel release 5.10;touch " +
-                             root_.at("/pwned") + ")\n");
+    EXPECT_TRUE(get_sdk_packaged_ini_info(3, &ini));
+    EXPECT_EQ(ini.card_type, 2);
+    EXPECT_EQ(std::string(ini.ini_file_name), root_.at(ini_dir(release) + "Buff_KTR9600-C16_INI_EPROM_A.bin"));
+    EXPECT_EQ(console(), executing_line(release));
 }
 
 /* ---- EEPROM image ------------------------------------------------------ */
