@@ -107,37 +107,3 @@ bool recover_cards_conf(void) {
     durable_sync_parent_dir(main_path);
     return true;
 }
-
-bool create_missing_cards_conf(void) {
-    char main_path[CM_PATH_SIZE];
-    char temp_path[CM_PATH_SIZE];
-    env_path(main_path, sizeof main_path, CARDS_CONF_PATH);
-    if (!file_missing(main_path)) return false;
-    env_path(temp_path, sizeof temp_path, CARDS_CONF_PATH "0");
-    FILE *temp = durable_open_temp(temp_path, nullptr, "w");
-    if (!temp) {
-        CM_LOG(LOG_LEVEL_ERR, "Unable to open file %s\n", temp_path);
-        return false;
-    }
-    bool written = true;
-    for (int slot_id = 1; slot_id <= MAX_SLOTS_FOR_9600; ++slot_id) {
-        cardsConfEntry entry = {slot_id, 0, 0, 0, 0, CARDS_CONF_STATE_OFFLINE, CARDS_CONF_ADMIN_ENABLE};
-        char line[CARDS_CONF_LINE_SIZE];
-        size_t length = cards_conf_format_line(&entry, line);
-        written = fwrite(line, 1, length, temp) == length && written;
-    }
-    written = durable_flush(temp) && written;
-    written = fclose(temp) == 0 && written;
-    if (!written) {
-        CM_LOG(LOG_LEVEL_ERR, "Unable to write %s\n", temp_path);
-        remove(temp_path);
-        return false;
-    }
-    if (rename(temp_path, main_path) != 0) {
-        CM_LOG(LOG_LEVEL_ERR, "Unable to rename %s\n", temp_path);
-        return false;
-    }
-    durable_sync_parent_dir(main_path);
-    CM_LOG(LOG_LEVEL_WARN, "%s was missing: created it with every slot enabled and not provisioned\n", main_path);
-    return true;
-}

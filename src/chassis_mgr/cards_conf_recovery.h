@@ -29,10 +29,4 @@ bool cards_conf_text_complete(std::string_view text);
  * nothing is done when cards.conf exists or no temporary file is complete. */
 bool recover_cards_conf(void);
 
-/* When cards.conf is still missing after the start-up load, creates it with
- * one line per slot, every slot enabled and not provisioned (what the slot
- * records hold), so that later changes are recorded (one WARN line).  True
- * when the file was created. */
-bool create_missing_cards_conf(void);
-
 #endif /* CHMGR_CARDS_CONF_RECOVERY_H */

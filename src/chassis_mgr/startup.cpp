@@ -202,7 +202,7 @@ bool init_slots(void) {
      * anything reads the files. */
     recover_cards_conf();
     recover_port_list();
-    if (!update_info_from_cards_conf()) create_missing_cards_conf();
+    update_info_from_cards_conf();
     if (!init_slot_states()) return false;
     if (pthread_create(&g_ctl_thread_id, nullptr, ctl_thread, nullptr) < 0) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to create debug thread\n");  // same text as the debug thread's

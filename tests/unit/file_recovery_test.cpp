@@ -131,26 +131,12 @@ TEST_F(FileRecoveryTest, NoCompleteTemporaryFileRestoresNothing) {
     EXPECT_TRUE(normalized_ring(0).empty());
 }
 
-TEST_F(FileRecoveryTest, MissingCardsConfWithNothingToRestoreIsCreatedAfterTheFailedLoad) {
+TEST_F(FileRecoveryTest, MissingCardsConfWithNothingToRestoreStaysMissing) {
     EXPECT_FALSE(recover_cards_conf());
     EXPECT_FALSE(update_info_from_cards_conf());
-    EXPECT_TRUE(create_missing_cards_conf());
-    std::string expected;
-    for (int n = 1; n <= MAX_SLOTS_FOR_9600; ++n) expected += conf_data_line(n, 0, 0, 0, 0, "Offline", "enable");
-    EXPECT_EQ(root_.read(kConf), expected);
+    EXPECT_FALSE(root_.exists(kConf));
     EXPECT_EQ(normalized_ring(0),
-              (std::vector<std::string>{"[ERR]<T> cards_conf.cpp:<N> Unable to open file " + root_.at(kConf) + "\n",
-                                        "[WARN]<T> cards_conf_recovery.cpp:<N> " + root_.at(kConf) +
-                                            " was missing: created it with every slot enabled and not provisioned\n"}));
-    /* Later changes are recorded again. */
-    EXPECT_TRUE(cards_conf_disable_slot(2, 1));
-    EXPECT_NE(root_.read(kConf).find(conf_data_line(2, 0, 0, 0, 0, "Offline", "disable")), std::string::npos);
-}
-
-TEST_F(FileRecoveryTest, ExistingCardsConfIsNeverCreatedAgain) {
-    root_.write(kConf, "# only a comment\n");
-    EXPECT_FALSE(create_missing_cards_conf());
-    EXPECT_EQ(root_.read(kConf), "# only a comment\n");
+              (std::vector<std::string>{"[ERR]<T> cards_conf.cpp:<N> Unable to open file " + root_.at(kConf) + "\n"}));
 }
 
 /* ---- port list --------------------------------------------------------- */
