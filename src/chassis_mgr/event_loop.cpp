@@ -75,9 +75,9 @@ bool handle_file_wakeup(int slot_id) {
     return true;
 }
 
-/* Timer side of one slot.  An expiry cancelled by a re-arm after the poll
- * leaves nothing to read yet: the read then waits for the new expiry, which
- * is queued as usual. */
+/* Timer side of one slot.  The timers are non-blocking: when the expiry was
+ * cancelled by a re-arm after the poll, nothing is left to read and the
+ * wake-up is dropped, as a failed inotify read is. */
 void handle_timer_wakeup(int slot_id) {
     slotInfo *slot = &g_slots_info[slot_id - 1];
     /* Marks the stuck slot in the log once, on the expiry that declares it. */

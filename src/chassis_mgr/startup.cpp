@@ -95,7 +95,9 @@ bool init_slot_records(void) {
         slot->ini_info.hw_revision = 0;
         slot->ini_info.minor = 0;
         sdk_get_fw_ini_info(slot_id, &slot->ini_info);
-        slot->trans_timer.timer_fd = timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC);
+        /* Non-blocking, so that an expiry cancelled by a re-arm between the
+         * poll and the read cannot stall the main loop. */
+        slot->trans_timer.timer_fd = timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC);
         if (pthread_mutex_init(&slot->mutex, nullptr) < 0) {
             CM_LOG(LOG_LEVEL_ERR, "Unable to create mutex for slots\n");
             return false;

@@ -50,19 +50,16 @@ void close_watches() {
     }
 }
 
-/* The slot timers as start-up makes them (blocking), disarmed.  They are
- * drained without blocking, then made blocking again. */
+/* The slot timers as start-up makes them (non-blocking), disarmed. */
 void reset_timers() {
     for (int i = 0; i < MAX_SLOTS_FOR_9600; ++i) {
         int fd = g_slots_info[i].trans_timer.timer_fd;
-        int flags = fcntl(fd, F_GETFL);
-        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
         struct itimerspec off = {};
         timerfd_settime(fd, 0, &off, nullptr);
         uint64_t drained;
         while (read(fd, &drained, sizeof drained) > 0) {
         }
-        fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
     }
 }
 
@@ -455,17 +452,17 @@ TEST_F(EventLoopTest, TimerAndFileEventInOneWakeupQueueTheFileEventFirst) {
     EXPECT_EQ(take_queue(), (std::vector<Item>{{6, slot_present_event}, {6, slot_timeout_event}}));
 }
 
-TEST_F(EventLoopTest, ExpiryCancelledByAReArmBeforeTheReadIsQueuedAtTheNewExpiry) {
+TEST_F(EventLoopTest, ExpiryCancelledByAReArmBeforeTheReadIsDropped) {
     ASSERT_TRUE(init_inotify_events());
     ASSERT_TRUE(set_slot_timer(2, 0, 1));
     struct pollfd fds[POLL_SET_SIZE];
     ASSERT_TRUE(wait_for_wakeup(fds, [](const pollfd *f) { return timer_ready(f, 2); }));
     /* A worker re-arms the slot between the poll and the read. */
     struct itimerspec later = {};
-    later.it_value.tv_nsec = 20 * 1000 * 1000;
+    later.it_value.tv_sec = 3600;
     timerfd_settime(g_slots_info[1].trans_timer.timer_fd, 0, &later, nullptr);
-    handle_poll_results(fds);  // the read waits for the new expiry
-    EXPECT_EQ(take_queue(), (std::vector<Item>{{2, slot_timeout_event}}));
+    handle_poll_results(fds);  // returns at once instead of blocking for the new period
+    EXPECT_TRUE(take_queue().empty());
 }
 
 TEST(SetSlotTimer, ArmsAOneShotForThePeriodTimesTheClockFactor) {
