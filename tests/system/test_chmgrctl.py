@@ -45,6 +45,10 @@ def test_show_json_lists_every_slot(sandbox, daemon):
 def test_show_and_detail_of_an_operational_card(sandbox, daemon):
     start_listening(sandbox, daemon)
     bring_up(sandbox, 3)
+    # The active step marks the card Operational before it records that the
+    # slot now awaits its removal.
+    wait_until(lambda: chmgrctl_json(sandbox, "detail", "3")["slots"][0]["awaited_event"] == "empty",
+               what="slot 3 to await its removal")
     show = chmgrctl(sandbox, "show", "3")
     lines = show.stdout.splitlines()
     assert lines[0] == "SLOT  STATE        ADMIN    STAGE   CARD  SERIAL      UP TIME"
