@@ -423,6 +423,10 @@ def test_card_pulled_during_ready_transition_is_removed_afterwards(sandbox, daem
     assert lines.index("[SLOT3] transitions_ready.cpp:<N> Invoking reload envd\n") < \
         lines.index("[SLOT3] transitions_detect.cpp:<N> Transitioned from 31 to SLOT_EMPTY\n")
     assert "Transitioned from 31 to SLOT_ACTIVE" not in transitions(handle, 3)
-    slot = status_document(sandbox, handle, 3)["slot3"]
+    # The removal records cards.conf before it sets the slot to await a card.
+    def awaiting_a_card():
+        slot = status_document(sandbox, handle, 3)["slot3"]
+        return slot if slot["Exp Event"] == "present" else None
+
+    slot = wait_until(awaiting_a_card, what="slot 3 to await a card")
     assert slot["STATE"] == "SLOT_SYNCED | "
-    assert slot["Exp Event"] == "present"
