@@ -10,7 +10,7 @@ packages_for() {
         test) packages_for build; echo googletest libgtest-dev libgmock-dev python3 python3-pytest procps ;;
         demo) packages_for build; echo python3 procps ;;
         fuzz) echo clang libclang-rt-14-dev ;;
-        bench) packages_for build; echo libbenchmark-dev libcjson-dev libjansson-dev golang-github-valyala-fastjson-dev ;;
+        bench) packages_for build; echo libbenchmark-dev ;;
         package) packages_for build; echo debhelper devscripts dpkg-dev fakeroot lintian systemd groff-base mandoc man-db ;;
         ci) for p in test fuzz bench package; do packages_for "$p"; done ;;
         *) echo "install-deps: unknown purpose '$1' (build, test, demo, fuzz, bench, package, ci)" >&2; exit 2 ;;
