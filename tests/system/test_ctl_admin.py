@@ -184,4 +184,5 @@ def test_card_comes_back_with_its_own_ports_after_the_provisioning_is_taken_back
     assert command(sandbox, LINECARD_ENABLE, 5)[0] == 0
     wait_until(lambda: slot_state(sandbox, 5) == "Operational", timeout=20, what="slot 5 to be operational again")
     assert port_count(sandbox, 5) == 4
-    assert conf_line(sandbox, 5)[1:4] == ["400G", "0G", "400G"]
+    # cards.conf is briefly absent while the active step rewrites it.
+    wait_until(lambda: conf_line(sandbox, 5)[1:4] == ["400G", "0G", "400G"], what="cards.conf for the 4-port card")
