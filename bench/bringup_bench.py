@@ -37,7 +37,7 @@ import tempfile
 import time
 from pathlib import Path
 
-from bench_support import in_main_loop
+from bench_support import in_main_loop, write_once
 
 REPO = Path(__file__).resolve().parents[1]
 HWEMU = REPO / "tools" / "chmgr-hwemu"
@@ -50,14 +50,6 @@ READY_STEP_S = 30 + 15 + 5
 
 def mandated_seconds(cards):
     return math.ceil(cards / WORKERS) * (POWER_SETTLE_S + READY_STEP_S) + cards * INI_SETTLE_S
-
-
-def write_once(path, text):
-    fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
-    try:
-        os.write(fd, text.encode())
-    finally:
-        os.close(fd)
 
 
 def online_slots(conf_path):

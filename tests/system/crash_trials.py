@@ -25,6 +25,8 @@ import tempfile
 import time
 from pathlib import Path
 
+from daemon_probe import in_main_loop, write_once
+
 REPO = Path(__file__).resolve().parents[2]
 HWEMU = REPO / "tools" / "chmgr-hwemu"
 RECORDER = Path(__file__).resolve().parent / "standins" / "recorder.py"
@@ -70,34 +72,11 @@ class Plan:
                 f"provisioned {self.provisioned}, kill after {self.kill_after:.3f} s")
 
 
-def _write_once(path, text):
-    fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_TRUNC | os.O_CLOEXEC, 0o644)
-    try:
-        os.write(fd, text.encode())
-    finally:
-        os.close(fd)
-
-
 def _read(path):
     try:
         return Path(path).read_text(errors="replace")
     except OSError:
         return None
-
-
-def _in_main_loop(pid):
-    counts = []
-    try:
-        fds = os.listdir(f"/proc/{pid}/fd")
-    except OSError:
-        return False
-    for fd in fds:
-        try:
-            if os.readlink(f"/proc/{pid}/fd/{fd}") == "anon_inode:inotify":
-                counts.append(Path(f"/proc/{pid}/fdinfo/{fd}").read_text().count("inotify wd:"))
-        except OSError:
-            continue
-    return counts.count(6) == 8
 
 
 def _group_alive(pgid):
@@ -167,7 +146,7 @@ class _Chassis:
         return proc
 
     def start_daemon(self, name, deadline):
-        return self.start(name, [str(self.binary)], deadline, lambda proc: _in_main_loop(proc.pid))
+        return self.start(name, [str(self.binary)], deadline, lambda proc: in_main_loop(proc.pid))
 
     def close(self, keep):
         for proc in self.procs:
@@ -233,7 +212,7 @@ def run_trial(binary, seed, scale=0.001, kill_window=1.5, timeout=60.0, keep_fai
     failures = []
     try:
         deadline = time.monotonic() + timeout
-        _write_once(chassis.root / CONF, plan.conf_text())
+        write_once(chassis.root / CONF, plan.conf_text())
         # Pre-provisioning puts the slot's INI into the switch firmware.
         for slot, speed in plan.provisioned.items():
             sim = chassis.root / "var/run/ks-sim" / f"slot{slot}"
@@ -252,9 +231,9 @@ def run_trial(binary, seed, scale=0.001, kill_window=1.5, timeout=60.0, keep_fai
         first = chassis.start_daemon("daemon0", deadline)
         events = chassis.root / "var/run/hw-management/events"
         for slot in plan.cards:
-            _write_once(events / f"lc{slot}_present", "1")
+            write_once(events / f"lc{slot}_present", "1")
         for slot in plan.cards:
-            _write_once(events / f"lc{slot}_verified", "1")
+            write_once(events / f"lc{slot}_verified", "1")
         kill_at = time.monotonic() + plan.kill_after
         while time.monotonic() < kill_at and not _online(chassis.root, plan.in_service()):
             time.sleep(0.001)

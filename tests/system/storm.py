@@ -30,6 +30,8 @@ import subprocess
 import time
 from pathlib import Path
 
+from daemon_probe import write_once
+
 REPO = Path(__file__).resolve().parents[2]
 HWEMU = REPO / "tools" / "chmgr-hwemu"
 HW = "var/run/hw-management"
@@ -52,14 +54,6 @@ HOLDING = re.compile(r"^reload_rendezvous\.cpp:\d+ Holding reload because of thi
 
 class StormFailure(AssertionError):
     """An invariant broke or the chassis did not settle; names the seed."""
-
-
-def write_once(path, text):
-    fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
-    try:
-        os.write(fd, text.encode())
-    finally:
-        os.close(fd)
 
 
 def poll(predicate, timeout, interval=0.003):
