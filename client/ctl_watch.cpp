@@ -136,12 +136,17 @@ void emit_line_json(const Transition &transition) {
 
 /* Stages the card reached since the previous look whose log line has
  * already left the slot's log (it keeps the last 24 lines): reported from
- * the state, with the time of the look and no message. */
+ * the state, with no message.  They came before every line still in the
+ * log, so they are given the time of the earliest of those (the time of
+ * the look when there is none): the reports stay in time order. */
 std::vector<Transition> missed_stages(const SlotView &view, const SlotTrack &track,
                                       const std::vector<Transition> &reported, double now) {
     std::vector<Transition> missed;
     unsigned gained = view.stage_bits & ~track.stage_bits;
     if (!(view.stage_bits & 1u)) return missed;
+    double at = now;
+    for (const Transition &line : reported)
+        if (line.line.epoch > 0 && line.line.epoch < at) at = line.line.epoch;
     for (int stage = 0; stage < kStageCount; ++stage) {
         if (!(gained & (1u << stage))) continue;
         bool seen = false;
@@ -150,7 +155,7 @@ std::vector<Transition> missed_stages(const SlotView &view, const SlotTrack &tra
         Transition transition;
         transition.slot = view.slot;
         transition.stage = stage_name((Stage)stage);
-        transition.line.epoch = now;
+        transition.line.epoch = at;
         transition.line.level = "INFO";
         missed.push_back(transition);
     }
