@@ -113,12 +113,20 @@ class Chassis:
         for slot in SLOTS:  # every card reports ready at once
             (self.root / "var/run/ks-sim" / f"slot{slot}").mkdir(parents=True, exist_ok=True)
             (self.root / "var/run/ks-sim" / f"slot{slot}" / "ready").write_text("1")
-        self.emulator = subprocess.Popen([str(HWEMU), "--root", str(self.root), "run"], env=self.env,
-                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                         stdin=subprocess.DEVNULL, text=True, start_new_session=True)
-        first = self.emulator.stdout.readline()
-        if not first.startswith("hwemu: running"):
-            raise StormFailure(f"emulator did not start: {first!r}")
+        # The emulator reports every request it answers: its output goes to a
+        # file, since a pipe nobody drains would fill up and stop it in the
+        # middle of a step, holding the tree lock.
+        emulator_out = self.base / "hwemu.out"
+        with open(emulator_out, "wb") as out:
+            self.emulator = subprocess.Popen([str(HWEMU), "--root", str(self.root), "run"], env=self.env,
+                                             stdout=out, stderr=subprocess.STDOUT,
+                                             stdin=subprocess.DEVNULL, start_new_session=True)
+        def emulator_running():
+            if self.emulator.poll() is not None:
+                raise StormFailure(f"emulator exited: {emulator_out.read_text(errors='replace')!r}")
+            return emulator_out.read_text(errors="replace").startswith("hwemu: running")
+        if not poll(emulator_running, 10 * self.factor):
+            raise StormFailure(f"emulator did not start: {emulator_out.read_text(errors='replace')!r}")
         run_env = dict(self.env, CHMGR_TIME_SCALE=self.scale)
         with open(self.out_path, "wb") as out:
             self.daemon = subprocess.Popen([str(self.binary)], stdout=out, stderr=subprocess.STDOUT,
@@ -136,8 +144,6 @@ class Chassis:
                     pass
             if proc:
                 proc.wait()
-        if self.emulator and self.emulator.stdout:
-            self.emulator.stdout.close()
 
     def alive(self):
         return self.daemon.poll() is None
