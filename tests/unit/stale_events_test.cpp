@@ -20,9 +20,7 @@ class StaleEventTest : public TransitionTest {
 
     void SetUp() override {
         TransitionTest::SetUp();
-        root_.write("/etc/tarnel/cards.conf", default_conf());
-        install_systemctl_copying_conf();
-        record_led_state_runs(kSlot);
+        prepare_conf_and_stand_ins(kSlot);
     }
 
     slotInfo &slot() { return g_slots_info[kSlot - 1]; }

@@ -162,6 +162,14 @@ class TransitionTest : public ::testing::Test {
                           "cat " + root_.at("/etc/tarnel/cards.conf") + " >> \"$0.conf\"\n");
     }
 
+    /* The default cards.conf, the copying systemctl and the LED state run
+     * recorder of `slot`: what a synced or active step touches. */
+    void prepare_conf_and_stand_ins(int slot) {
+        root_.write("/etc/tarnel/cards.conf", default_conf());
+        install_systemctl_copying_conf();
+        record_led_state_runs(slot);
+    }
+
     /* A systemctl stand-in that records its arguments and exits with the
      * code in "systemctl.exit" (0 when there is none). */
     void install_systemctl_with_exit_code() {
