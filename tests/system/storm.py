@@ -484,17 +484,21 @@ class Storm:
 
     def settled(self):
         """The status document once every accepted card is ACTIVE and
-        "Online" and every empty slot is neither, else None."""
+        "Online" and every empty slot is neither and has been seen empty,
+        else None.  (An active event that came before a pull may still make
+        the slot Online until the daemon reads the removal that follows it.)"""
         conf = self.chassis.conf()
         refused = self.refused()
         judged = [slot for slot in SLOTS if self.accepted(slot, refused) or not self.card[slot]]
         if not all((conf[slot][5] == "Online") == self.accepted(slot, refused) for slot in judged):
             return None
         document = self.chassis.status_document()
-        if all(("SLOT_ACTIVE" in document[f"slot{slot}"]["STATE"]) == self.accepted(slot, refused)
-               for slot in judged):
-            return document
-        return None
+        states = {slot: document[f"slot{slot}"]["STATE"] for slot in SLOTS}
+        if not all(("SLOT_ACTIVE" in states[slot]) == self.accepted(slot, refused) for slot in judged):
+            return None
+        if any(not self.card[slot] and "SLOT_PRESENT" in states[slot] for slot in SLOTS):
+            return None
+        return document
 
     def settle_and_check(self, mark, reloads_before, description):
         chassis = self.chassis
