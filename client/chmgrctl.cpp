@@ -15,6 +15,7 @@
 
 #include "chassis_mgr.h"
 #include "ctl_client.h"
+#include "ctl_metrics.h"
 #include "ctl_output.h"
 #include "ctl_request.h"
 
@@ -41,6 +42,7 @@ constexpr CommandInfo kCommands[] = {
     {"unprovision", PRE_PROVISION_DISABLE, SLOT_ONE, false, kAdminTimeoutS},
     {"status", DEBUG_SLOT, SLOT_OPTIONAL_OR_ALL, false, kShowTimeoutS},
     {"watch", DEBUG_SLOT, SLOT_OPTIONAL_OR_ALL, false, kShowTimeoutS},
+    {"metrics", SHOW_SUMMARY, SLOT_NONE, false, kMetricsTimeoutS},
 };
 
 void print_usage(FILE *out) {
@@ -58,6 +60,7 @@ void print_usage(FILE *out) {
           "  unprovision SLOT         take a slot's pre-provisioning back\n"
           "  status [SLOT|all]        state, awaited event, up time and recent log of the slots\n"
           "  watch [SLOT|all]         follow the bring-up of the slots live\n"
+          "  metrics                  every slot in the Prometheus text format\n"
           "\n"
           "SLOT is a slot number from 1 to 8.\n"
           "\n"
@@ -69,16 +72,19 @@ void print_usage(FILE *out) {
           "                           (default: $CHMGR_ROOT/run/chassismgr/chassismgr)\n"
           "  -t, --timeout SECONDS    give up waiting for the daemon after this long\n"
           "                           (default: 10 for show, detail, status and watch,\n"
+          "                           5 per request for metrics,\n"
           "                           120 per slot for the administration commands);\n"
           "                           watch: stop after this long\n"
           "      --until-online SLOT  watch: exit when SLOT is operational (0) or stuck (1)\n"
           "      --interval SECONDS   watch: time between two looks (default 0.5)\n"
+          "      --textfile PATH      metrics: replace PATH atomically instead of printing\n"
           "  -h, --help               print this help and exit\n"
           "  -V, --version            print the version and exit\n"
           "\n"
           "Exit status: 0 done, 1 refused by the daemon (watch: slot stuck), 2 bad command\n"
           "line, 3 daemon not reachable or no proper reply in time, 4 watch --until-online:\n"
-          "time limit reached before the slot was operational.\n",
+          "time limit reached before the slot was operational.  metrics exits 0 when the\n"
+          "daemon does not answer (it reports chassis_mgr_up 0), 1 when PATH cannot be written.\n",
           out);
 }
 
@@ -99,7 +105,7 @@ bool parse_seconds(const std::string &text, double *seconds) {
 bool parse_slot(const std::string &text, bool all_allowed, uint32_t *slot_no, std::string *error);
 
 /* The options that take a value, written "-x VALUE", "--name VALUE" or "--name=VALUE". */
-enum ValuedOption { OPT_SOCKET, OPT_TIMEOUT, OPT_UNTIL_ONLINE, OPT_INTERVAL };
+enum ValuedOption { OPT_SOCKET, OPT_TIMEOUT, OPT_UNTIL_ONLINE, OPT_INTERVAL, OPT_TEXTFILE };
 struct ValuedOptionInfo {
     ValuedOption option;
     const char *short_name;  // "" when none
@@ -110,11 +116,22 @@ constexpr ValuedOptionInfo kValuedOptions[] = {
     {OPT_TIMEOUT, "-t", "--timeout"},
     {OPT_UNTIL_ONLINE, "", "--until-online"},
     {OPT_INTERVAL, "", "--interval"},
+    {OPT_TEXTFILE, "", "--textfile"},
 };
 
 bool set_valued_option(ValuedOption option, const std::string &value, Options *options, std::string *error) {
     switch (option) {
-    case OPT_SOCKET: options->socket_path = value; return true;
+    case OPT_SOCKET:
+        options->socket_path = value;
+        options->socket_given = true;
+        return true;
+    case OPT_TEXTFILE:
+        if (value.empty()) {
+            *error = "option '--textfile' needs a path";
+            return false;
+        }
+        options->textfile = value;
+        return true;
     case OPT_TIMEOUT:
         if (parse_seconds(value, &options->timeout_s)) return true;
         *error = "invalid time limit '" + value + "' (expected seconds, more than 0)";
@@ -136,7 +153,8 @@ int parse_valued_option(int argc, char **argv, int *i, const std::string &arg, O
         std::string value;
         if (arg == long_name || (*info.short_name && arg == info.short_name)) {
             if (*i + 1 >= argc) {
-                *error = "option '" + arg + "' needs " + (info.option == OPT_SOCKET ? "a path" : "a value");
+                *error = "option '" + arg + "' needs " +
+                         (info.option == OPT_SOCKET || info.option == OPT_TEXTFILE ? "a path" : "a value");
                 return 0;
             }
             value = argv[++*i];
@@ -223,7 +241,9 @@ bool parse_request(const std::vector<std::string> &words, Request *request, std:
         return false;
     }
     const CommandInfo &info = *request->info;
-    size_t wanted = info.slot_use == SLOT_OPTIONAL_OR_ALL ? 1 : info.takes_card_type ? 3 : 2;
+    size_t wanted = info.slot_use == SLOT_OPTIONAL_OR_ALL || info.slot_use == SLOT_NONE ? 1
+                    : info.takes_card_type                                           ? 3
+                                                                                     : 2;
     size_t most = info.slot_use == SLOT_OPTIONAL_OR_ALL ? 2 : wanted;
     if (words.size() < wanted) {
         *error = std::string("'") + info.name + "' needs " +
@@ -255,6 +275,14 @@ bool check_option_use(const Options &options, const Request &request, std::strin
         *error = "option '--interval' belongs to 'watch'";
         return false;
     }
+    if (!options.textfile.empty() && name != "metrics") {
+        *error = "option '--textfile' belongs to 'metrics'";
+        return false;
+    }
+    if (options.json && name == "metrics") {
+        *error = "'metrics' prints the Prometheus text format only: '--json' does not apply";
+        return false;
+    }
     if (options.raw && name != "status") {
         *error = "option '--raw' belongs to 'status'";
         return false;
@@ -263,6 +291,7 @@ bool check_option_use(const Options &options, const Request &request, std::strin
 }
 
 int run(const Options &options, const Request &request) {
+    if (strcmp(request.info->name, "metrics") == 0) return run_metrics(options, request);
     switch (request.info->code) {
     case SHOW_SUMMARY:
     case SHOW_DETAIL: return run_show(options, request);

@@ -18,6 +18,7 @@ enum SlotUse {
     SLOT_OPTIONAL_OR_ALL,  // show, detail, status, watch: default all
     SLOT_ONE_OR_ALL,       // enable, disable
     SLOT_ONE,              // provision, unprovision
+    SLOT_NONE,             // metrics: the whole chassis, always
 };
 
 struct CommandInfo {
@@ -30,6 +31,8 @@ struct CommandInfo {
 
 struct Options {
     std::string socket_path;
+    bool socket_given = false;  // --socket on the command line
+    std::string textfile;   // metrics: write here instead of standard output
     bool json = false;
     bool raw = false;       // status --json: the daemon's document as it is
     bool wide = false;      // show: every column
@@ -80,6 +83,7 @@ int run_admin(const Options &options, const Request &request);
 int run_show(const Options &options, const Request &request);
 int run_status(const Options &options, const Request &request);
 int run_watch(const Options &options, const Request &request);
+int run_metrics(const Options &options, const Request &request);
 
 }  // namespace chmgrctl
 
