@@ -7,7 +7,8 @@ set -euo pipefail
 packages_for() {
     case "$1" in
         build) echo g++ cmake ninja-build make ;;
-        test) packages_for build; echo googletest libgtest-dev libgmock-dev python3 python3-pytest procps ;;
+        test) packages_for build; echo googletest libgtest-dev libgmock-dev python3 python3-pytest procps \
+                  prometheus prometheus-node-exporter ;;
         demo) packages_for build; echo python3 procps ;;
         fuzz) echo clang libclang-rt-14-dev ;;
         bench) packages_for build; echo libbenchmark-dev ;;
