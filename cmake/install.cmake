@@ -1,7 +1,8 @@
 # Installation rules, included at the end of the top-level CMakeLists.txt.
 #
 # Two components:
-#   daemon  the daemon (sbin), chmgrctl (bin), manual pages, the systemd unit,
+#   daemon  the daemon (sbin), chmgrctl (bin), manual pages, the systemd unit
+#           and the metrics timer with its service, the alerting rules,
 #           the tmpfiles rule, the options file, the cards.conf template and
 #           example, bash completion, operator documentation;
 #   sim     the simulated chassis: the hardware emulator and the demo tool
@@ -49,6 +50,17 @@ file(CONFIGURE OUTPUT "${CMAKE_CURRENT_BINARY_DIR}/packaging/chassis-mgr.service
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/packaging/chassis-mgr.service"
         DESTINATION "${CHMGR_SYSTEMD_UNIT_DIR}" COMPONENT daemon)
 
+# The metrics collection: a timer and the one-shot service it starts.
+set(_chmgr_metrics_in "${_chmgr_src}/packaging/systemd/chassis-mgr-metrics.service")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${_chmgr_metrics_in}")
+file(READ "${_chmgr_metrics_in}" _chmgr_metrics)
+string(REPLACE "ExecStart=/usr/bin/" "ExecStart=${CMAKE_INSTALL_FULL_BINDIR}/" _chmgr_metrics "${_chmgr_metrics}")
+file(CONFIGURE OUTPUT "${CMAKE_CURRENT_BINARY_DIR}/packaging/chassis-mgr-metrics.service"
+     CONTENT "${_chmgr_metrics}" @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/packaging/chassis-mgr-metrics.service"
+              "${_chmgr_src}/packaging/systemd/chassis-mgr-metrics.timer"
+        DESTINATION "${CHMGR_SYSTEMD_UNIT_DIR}" COMPONENT daemon)
+
 install(FILES "${_chmgr_src}/packaging/tmpfiles/chassis-mgr.conf"
         DESTINATION "${CHMGR_TMPFILES_DIR}" COMPONENT daemon)
 install(FILES "${_chmgr_src}/packaging/default/chassis-mgr"
@@ -68,6 +80,9 @@ install(FILES "${_chmgr_src}/contrib/bash-completion/chmgrctl"
 install(FILES "${_chmgr_src}/README.md" "${_chmgr_src}/docs/operations.md"
               "${_chmgr_src}/docs/chmgrctl.schema.json"
         DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT daemon)
+# Alerting rules for Prometheus, to be copied where rule_files: points.
+install(FILES "${_chmgr_src}/packaging/prometheus/chassis-mgr-alerts.yml"
+        DESTINATION "${CMAKE_INSTALL_DOCDIR}/prometheus" COMPONENT daemon)
 install(FILES "${_chmgr_src}/docs/architecture.md" "${_chmgr_src}/docs/cards-conf.md"
         DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT daemon OPTIONAL)
 

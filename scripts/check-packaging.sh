@@ -6,7 +6,8 @@
 #   4. the packaged programs run, the packaged demonstration runs from the
 #      extracted packages, the maintainer scripts parse, the cards.conf
 #      template has its eight lines, the tmpfiles rule creates what it should;
-#   5. `systemd-analyze verify` accepts the packaged unit, and its sandboxing
+#   5. `systemd-analyze verify` accepts the packaged units (the daemon's, the
+#      metrics timer and its service), and the daemon unit's sandboxing
 #      does not drop below the level it has now (offline security review);
 #   6. every manual page, in the tree and in the package, renders with
 #      `man -l` and groff warnings on, without a single warning.
@@ -230,6 +231,22 @@ check_unit() {
     [ "$status" -eq 0 ] && [ -z "$output" ]
 }
 
+# The metrics timer and its service, verified the same way: ExecStart=
+# points at the extracted chmgrctl.
+check_metrics_units() {
+    local dir="$scratch/unit" output status
+    mkdir -p "$dir"
+    sed "s#^ExecStart=/usr/bin/#ExecStart=$root/usr/bin/#" \
+        "$root/lib/systemd/system/chassis-mgr-metrics.service" > "$dir/chassis-mgr-metrics.service"
+    cp "$root/lib/systemd/system/chassis-mgr-metrics.timer" "$dir/"
+    grep -q "^ExecStart=$root/usr/bin/chmgrctl metrics --textfile /var/lib/prometheus/node-exporter/chassis_mgr.prom$" \
+        "$dir/chassis-mgr-metrics.service" || { echo "  unexpected ExecStart= line"; return 1; }
+    output=$(cd "$dir" && MANPATH="$root/usr/share/man" \
+        systemd-analyze verify chassis-mgr-metrics.timer chassis-mgr-metrics.service 2>&1); status=$?
+    [ -n "$output" ] && printf '  %s\n' "$output"
+    [ "$status" -eq 0 ] && [ -z "$output" ]
+}
+
 check_unit_security() {
     local unit="$scratch/unit/chassis-mgr.service"
     systemd-analyze security --offline=true --threshold="$SECURITY_THRESHOLD" "$unit" > "$scratch/security.txt" 2>&1
@@ -240,6 +257,7 @@ check_unit_security() {
 
 echo "=== systemd unit"
 check_unit; record "systemd-analyze verify accepts chassis-mgr.service" $?
+check_metrics_units; record "systemd-analyze verify accepts chassis-mgr-metrics.timer and .service" $?
 check_unit_security; record "unit exposure level at most $SECURITY_THRESHOLD/10" $?
 
 # --- 6. manual pages ----------------------------------------------------------
