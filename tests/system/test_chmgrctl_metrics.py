@@ -147,3 +147,12 @@ def test_metrics_command_line_errors(sandbox, args, message):
     result = chmgrctl(sandbox, *args)
     assert result.returncode == 2
     assert result.stderr == f"chmgrctl: {message}\nTry 'chmgrctl --help' for more information.\n"
+
+
+def test_socket_option_is_the_one_read(sandbox, daemon):
+    start_listening(sandbox, daemon)
+    other = sandbox.base / "other-socket"
+    result = chmgrctl(sandbox, "metrics", "--socket", other)
+    assert result.returncode == 0
+    assert result.stderr.startswith(f"chmgrctl: cannot connect to chassis-mgr at {other}: ")
+    assert DOWN_TEXT.fullmatch(result.stdout)
