@@ -5,7 +5,10 @@ slots, the textfile write, and a daemon that does not answer."""
 import json
 import os
 import re
+import shutil
 import stat
+import tempfile
+from pathlib import Path
 
 import pytest
 
@@ -156,3 +159,38 @@ def test_socket_option_is_the_one_read(sandbox, daemon):
     assert result.returncode == 0
     assert result.stderr.startswith(f"chmgrctl: cannot connect to chassis-mgr at {other}: ")
     assert DOWN_TEXT.fullmatch(result.stdout)
+
+
+NOBODY = 65534
+
+
+def run_as_nobody():
+    os.setgroups([])
+    os.setgid(NOBODY)
+    os.setuid(NOBODY)
+
+
+def test_unprivileged_collection_into_a_group_writable_directory(sandbox, daemon):
+    """As the packaged service runs it: an unprivileged user, whose group
+    may write the textfile directory, and a control socket it may not use."""
+    if os.geteuid() != 0:
+        pytest.skip("needs root to run the client as another user")
+    start_listening(sandbox, daemon)
+    os.chmod(sandbox.path("run/chassismgr"), 0o750)  # as installed: root and chassismgr only
+    top = Path(tempfile.mkdtemp(prefix="chm-textfile-", dir="/tmp"))  # a path the user can reach
+    try:
+        os.chmod(top, 0o755)
+        directory = top / "node-exporter"
+        directory.mkdir()
+        os.chown(directory, 0, NOBODY)
+        os.chmod(directory, 0o775)
+        path = directory / "chassis_mgr.prom"
+        result = chmgrctl(sandbox, "metrics", "--textfile", path, preexec_fn=run_as_nobody)
+        assert result.returncode == 0
+        assert "Permission denied" in result.stderr
+        assert DOWN_TEXT.fullmatch(path.read_text())
+        info = path.stat()
+        assert (info.st_uid, stat.S_IMODE(info.st_mode)) == (NOBODY, 0o644)
+        assert os.listdir(directory) == ["chassis_mgr.prom"]
+    finally:
+        shutil.rmtree(top, ignore_errors=True)
