@@ -32,12 +32,9 @@ slotEvent step_after_synced(const slotInfo *slot) {
 bool is_parked(const slotInfo *slot) { return slot->trans_timer.state_monitored == slot_wait_reload_portd; }
 
 /* Sends a slot out of the rendezvous towards its next step.  A slot
- * disabled while it waited awaits nothing until it is enabled again. */
+ * disabled while it waited awaits that step too; its supervision stops at
+ * the first expiry and its events are refused by the steps themselves. */
 void send_on(int slot_id, slotInfo *slot) {
-    if (slot->disabled) {
-        slot->trans_timer.state_monitored = slot_empty_event;
-        return;
-    }
     if (!await_slot_event(slot_id, step_after_synced(slot), STEP_PERIOD_SECONDS))
         CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
 }
