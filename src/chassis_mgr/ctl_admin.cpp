@@ -167,7 +167,8 @@ void unprovision_slot(int slot_id) {
     /* An empty slot has no card coming up to hold the portd reload for. */
     if (!slot_has_card(slot)) slot->in_transition_reload_portd = 0;
     update_cards_conf(slot_id, card_type_port_speed(slot->card_type), 0, 0, 1, 0, slot->disabled);
-    if (!invoke_reload_portd()) {
+    bool reloaded = invoke_reload_portd();
+    if (!reloaded) {
         CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Reload portd failed\n");
         ctl_set_failure(g_ctl_resp_buf, RELOAD_FAILED_TEXT);
     }
@@ -176,7 +177,7 @@ void unprovision_slot(int slot_id) {
         CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "INI programming failed for slot\n");
         ctl_set_failure(g_ctl_resp_buf, INI_RESET_FAILED_TEXT);
     }
-    cards_conf_clear_dirty_bits();
+    if (reloaded) cards_conf_clear_dirty_bits();  // portd has not taken what a failed reload left dirty
     ctl_set_status(g_ctl_resp_buf, CTL_SUCCESS);
 }
 

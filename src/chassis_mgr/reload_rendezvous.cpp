@@ -113,10 +113,11 @@ bool wait_reload_portd(int slot_id) {
      * but its ports are new all the same, so it reloads and moves on. */
     if (is_parked(slot)) send_on(slot_id, slot);
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Reloading portd...\n");
-    invoke_reload_portd();  /* a failure is logged; the slots go on regardless */
+    bool reloaded = invoke_reload_portd();  /* a failure is logged; the slots go on regardless */
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "portd reloaded\n");
-    /* The dirty cards are known to portd now. */
-    cards_conf_clear_dirty_bits();
+    /* The dirty cards are known to portd now, unless the reload failed:
+     * then cards.conf goes on naming them until a reload succeeds. */
+    if (reloaded) cards_conf_clear_dirty_bits();
     return true;
 }
 

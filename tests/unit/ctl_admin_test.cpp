@@ -569,6 +569,8 @@ TEST_F(CtlAdminTest, UnprovisionWithFailingReloadAnswersSuccessWithTheText) {
     EXPECT_EQ(reply_header().status, 0u);
     EXPECT_EQ(status_str(), padded("reload portd failed"));
     EXPECT_TRUE(contains(normalized_ring(4), slot_line(4, "ERR", "Reload portd failed\n")));
+    /* portd has not taken the change: the slot's line stays dirty. */
+    EXPECT_EQ(root.read(kConf), conf_with(4, conf_line(4, 0, 0, 0, 1, false, false)));
 }
 
 TEST_F(CtlAdminTest, UnprovisionWaitsForTheIniToGoOutOfUse) {
