@@ -145,6 +145,17 @@ std::optional<RingLine> last_message(const std::vector<RingLine> &lines, const s
     return std::nullopt;
 }
 
+/* The lines from the card's last verification on: an INI check that failed
+ * before an enable took the card through its bring-up again is history. */
+std::vector<RingLine> since_last_verification(const std::vector<RingLine> &lines) {
+    for (size_t i = lines.size(); i-- > 0;) {
+        bool empty = false;
+        if (transition_stage(lines[i].message, &empty) == STAGE_VERIFIED)
+            return std::vector<RingLine>(lines.begin() + (long)i, lines.end());
+    }
+    return lines;
+}
+
 /* The slot holding the portd reload that a slot parked at `since` waits
  * for: the last "Holding reload" line of the daemon-wide log since then. */
 std::string reload_holder(const std::vector<RingLine> &daemon_log, double since) {
@@ -214,8 +225,9 @@ std::string offline_reason(const SlotView &view, const SlotContext &context, boo
         return "pre-provisioned for " + wanted + " but a " + card + " is inserted";
     }
     /* The cause the daemon logged comes before its stuck verdict. */
-    if (has_message(lines, kNoIni)) return "no compatible INI for this card";
-    if (last_message(lines, kIniProgrammingFailed)) return "INI programming failed for this card";
+    std::vector<RingLine> verification = since_last_verification(lines);
+    if (has_message(verification, kNoIni)) return "no compatible INI for this card";
+    if (last_message(verification, kIniProgrammingFailed)) return "INI programming failed for this card";
     if (view.stuck)
         return std::string("stuck at ") + stage_name(view.stage) + " after " + std::to_string(kStuckTries) + " tries";
     *held = false;

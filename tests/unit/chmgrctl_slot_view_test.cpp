@@ -258,3 +258,14 @@ TEST(ChmgrctlSlotView, UnsupportedCardHasItsPartNumberField) {
     EXPECT_EQ(view_of(slot_json("SLOT_PRESENT | ", "present", "none", false, false, log)).part_number, "KTR9600-X9");
     EXPECT_EQ(view_of(slot_json(kAllStages, "empty", "KTR9600-C16", false, false, "")).part_number, "");
 }
+
+TEST(ChmgrctlSlotView, IniFailureBeforeTheLastVerificationIsHistory) {
+    std::string log = quoted(ring("INFO", "18:54:58", "Transitioned from 0 to SLOT_PRESENT")) + "," +
+                      quoted(ring("INFO", "18:54:58", "Transitioned from 1 to SLOT_VERIFIED")) + "," +
+                      quoted(ring("ERR", "18:54:59", "Not able to find compatible INI")) + "," +
+                      quoted(ring("INFO", "18:56:00", "Transitioned from 5 to SLOT_VERIFIED"));
+    EXPECT_EQ(view_of(slot_json("SLOT_PRESENT |SLOT_VERIFIED |SLOT_SYNCED | ", "powered", "KTR9600-C16", false,
+                                false, log))
+                  .reason,
+              "waiting for powered since 2026-11-22 18:56:00");
+}
