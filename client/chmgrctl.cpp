@@ -78,7 +78,8 @@ void print_usage(FILE *out) {
           "\n"
           "Exit status: 0 done, 1 refused by the daemon (watch: slot stuck), 2 bad command\n"
           "line, 3 daemon not reachable or no proper reply in time, 4 watch --until-online:\n"
-          "time limit reached before the slot was operational.\n",
+          "time limit reached before the slot was operational, 130 (143) watch ended by\n"
+          "Ctrl-C (SIGTERM).\n",
           out);
 }
 
