@@ -66,8 +66,6 @@ def test_ready_event_of_a_disabled_slot_is_refused_one_slot_low(sandbox, daemon,
     tag = f"[SLOT{slot - 1}:INFO]" if slot > 1 else "[INFO]"
     assert any(entry.startswith(tag) and entry.endswith(" Will not transition to ready while in disabled state\n")
                for entry in ring_lines), ring_lines
-    assert not [entry for entry in console_lines(handle)
-                if entry.startswith(f"[SLOT{slot}] ") and "no_valid_transition" in entry]
     assert "SLOT_READY" not in status_document(sandbox, handle, slot)[f"slot{slot}"]["STATE"]
 
 
