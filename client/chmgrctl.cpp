@@ -83,8 +83,9 @@ void print_usage(FILE *out) {
           "\n"
           "Exit status: 0 done, 1 refused by the daemon (watch: slot stuck), 2 bad command\n"
           "line, 3 daemon not reachable or no proper reply in time, 4 watch --until-online:\n"
-          "time limit reached before the slot was operational.  metrics exits 0 when the\n"
-          "daemon does not answer (it reports chassis_mgr_up 0), 1 when PATH cannot be written.\n",
+          "time limit reached before the slot was operational, 130 (143) watch ended by\n"
+          "Ctrl-C (SIGTERM).  metrics exits 0 when the daemon does not answer (it reports\n"
+          "chassis_mgr_up 0), 1 when PATH cannot be written.\n",
           out);
 }
 

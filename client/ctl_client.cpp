@@ -186,6 +186,10 @@ std::string default_socket_path() { return root_prefix() + CHMGRCTL_SOCKET_PATH;
 
 std::string default_cards_conf_path() { return root_prefix() + "/etc/tarnel/cards.conf"; }
 
+std::string card_vpd_path(uint32_t slot) {
+    return root_prefix() + "/var/run/hw-management/lc" + std::to_string(slot) + "/eeprom/vpd_parsed";
+}
+
 double environment_time_scale() {
     const char *text = getenv("CHMGR_TIME_SCALE");
     if (!text || !*text) return 1.0;

@@ -38,6 +38,8 @@ constexpr int64_t kBusyNoticeMs = 1000;
 std::string default_socket_path();
 /* The card configuration file, "/etc/tarnel/cards.conf", under the same root. */
 std::string default_cards_conf_path();
+/* The parsed VPD of the card in a slot, as the hardware presents it. */
+std::string card_vpd_path(uint32_t slot);
 /* The daemon's clock factor, CHMGR_TIME_SCALE, when it is set in the
  * client's environment and valid; 1 otherwise.  These functions are the
  * only places where chmgrctl reads the environment. */

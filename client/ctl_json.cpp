@@ -19,10 +19,9 @@ struct KeyName {
     const char *daemon;
     const char *common;
 };
-constexpr KeyName kSlotKeys[] = {
-    {"SLOT", "slot"},         {"STATE", "state"},       {"Exp Event", "exp_event"}, {"Card Type", "card_type"},
-    {"Provisioned", "provisioned"}, {"Disabled", "disabled"}, {"Serial No", "serial_no"},
-};
+
+/* The daemon's word for "not known" or "nothing": null in the common form. */
+bool is_none(const char *text) { return strcmp(text, "none") == 0; }
 
 JsonNode *copy_scalar(JsonNode *value) {
     switch (value->tag) {
@@ -46,34 +45,48 @@ JsonNode *log_array(JsonNode *lines) {
     return array;
 }
 
-JsonNode *up_time_object(JsonNode *up_time) {
+/* The up time in seconds, null when the slot reports none (not active). */
+JsonNode *up_time_seconds(JsonNode *up_time) {
     if (!up_time || up_time->tag != JSON_OBJECT) return json_mknull();
-    JsonNode *object = json_mkobject();
-    static constexpr KeyName kUnits[] = {{"Hours", "hours"}, {"Minutes", "minutes"}, {"Seconds", "seconds"}};
-    for (const KeyName &unit : kUnits) {
-        JsonNode *value = json_find_member(up_time, unit.daemon);
-        json_append_member(object, unit.common, json_mknumber(value && value->tag == JSON_NUMBER ? value->number_ : 0));
+    static constexpr struct {
+        const char *name;
+        double seconds;
+    } kUnits[] = {{"Hours", 3600}, {"Minutes", 60}, {"Seconds", 1}};
+    double total = 0;
+    for (const auto &unit : kUnits) {
+        JsonNode *value = json_find_member(up_time, unit.name);
+        total += (value && value->tag == JSON_NUMBER ? value->number_ : 0) * unit.seconds;
     }
-    return object;
+    return json_mknumber(total);
 }
 
+JsonNode *member_or_null(JsonNode *slot, const char *name, JsonTag tag) {
+    JsonNode *value = json_find_member(slot, name);
+    if (!value || value->tag != tag) return json_mknull();
+    if (tag == JSON_STRING) return is_none(value->string_) ? json_mknull() : json_text(value->string_);
+    return copy_scalar(value);
+}
+
+/* One slot of the status document in the words show uses for the same
+ * facts: awaited_event, admin_state, stuck, up_time_seconds; null where the
+ * daemon says "none". */
 JsonNode *translate_slot(JsonNode *slot) {
     JsonNode *object = json_mkobject();
-    for (const KeyName &key : kSlotKeys) {
-        JsonNode *value = json_find_member(slot, key.daemon);
-        JsonNode *copy = value ? copy_scalar(value) : json_mknull();
-        if (key.daemon == kSlotKeys[1].daemon && copy->tag == JSON_STRING) {
-            std::string text = copy->string_;  // the state text without its final blank
-            while (!text.empty() && text.back() == ' ') text.pop_back();
-            json_delete(copy);
-            copy = json_text(text);
-        }
-        json_append_member(object, key.common, copy);
-    }
+    json_append_member(object, "slot", member_or_null(slot, "SLOT", JSON_NUMBER));
     JsonNode *state = json_find_member(slot, "STATE");
-    bool error = state && state->tag == JSON_STRING && strstr(state->string_, "ERR");
-    json_append_member(object, "error", json_mkbool(error));
-    json_append_member(object, "up_time", up_time_object(json_find_member(slot, "Up Time")));
+    std::string text = state && state->tag == JSON_STRING ? state->string_ : "";
+    while (!text.empty() && text.back() == ' ') text.pop_back();  // the state text without its final blank
+    json_append_member(object, "state", state && state->tag == JSON_STRING ? json_text(text) : json_mknull());
+    json_append_member(object, "awaited_event", member_or_null(slot, "Exp Event", JSON_STRING));
+    json_append_member(object, "card_type", member_or_null(slot, "Card Type", JSON_STRING));
+    json_append_member(object, "provisioned", member_or_null(slot, "Provisioned", JSON_BOOL));
+    JsonNode *disabled = json_find_member(slot, "Disabled");
+    json_append_member(object, "admin_state", disabled && disabled->tag == JSON_BOOL
+                                                  ? json_mkstring(disabled->bool_ ? "disabled" : "enabled")
+                                                  : json_mknull());
+    json_append_member(object, "serial_no", member_or_null(slot, "Serial No", JSON_STRING));
+    json_append_member(object, "stuck", json_mkbool(text.find("ERR") != std::string::npos));
+    json_append_member(object, "up_time_seconds", up_time_seconds(json_find_member(slot, "Up Time")));
     json_append_member(object, "log", log_array(json_find_member(slot, "Log")));
     return object;
 }
@@ -132,14 +145,19 @@ JsonNode *slot_view_json(const SlotView &view) {
     json_append_member(object, "admin_state", json_mkstring(view.disabled ? "disabled" : "enabled"));
     json_append_member(object, "stage", view.stage == STAGE_NONE ? json_mknull() : json_mkstring(stage_name(view.stage)));
     json_append_member(object, "stuck", json_mkbool(view.stuck));
-    json_append_member(object, "awaited_event", text_or_null(view.awaited_event));
+    json_append_member(object, "awaited_event",
+                       view.awaited_event == "none" ? json_mknull() : text_or_null(view.awaited_event));
     json_append_member(object, "provisioned", json_mkbool(view.provisioned));
     json_append_member(object, "provisioned_type",
                        view.provisioned_type == "C4" || view.provisioned_type == "C16"
                            ? json_mkstring(view.provisioned_type.c_str())
                            : json_mknull());
-    json_append_member(object, "card_type", json_text(view.card_type));
-    json_append_member(object, "serial_no", json_text(view.serial_no));
+    json_append_member(object, "card_type", short_card_type(view.card_type) == "none" ? json_mknull()
+                                                                                      : json_text(view.card_type));
+    json_append_member(object, "part_number", text_or_null(view.part_number));
+    json_append_member(object, "serial_no", !(view.stage_bits & 1u) || view.serial_no == "none"
+                                                ? json_mknull()
+                                                : json_text(view.serial_no));
     json_append_member(object, "hw_revision", json_mknumber(view.hw_revision));
     json_append_member(object, "ini_minor", json_mknumber(view.ini_minor));
     json_append_member(object, "ports", json_mknumber(view.ports));

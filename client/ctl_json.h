@@ -19,7 +19,7 @@ struct JsonNode;
 
 namespace chmgrctl {
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 /* {"schema_version": 1, "command": COMMAND}, to be completed by the caller. */
 JsonNode *schema_object(const char *command);

@@ -105,20 +105,38 @@ void print_blocks(const std::vector<SlotView> &views) {
     }
 }
 
-/* The provisioned speed of each slot in the card configuration file
- * (index slot - 1), -1 where the file says nothing. */
-void read_provisioned_speeds(int speeds[MAX_SLOTS_FOR_9600]) {
-    std::fill(speeds, speeds + MAX_SLOTS_FOR_9600, -1);
+/* Each slot's provisioned speed and dirty flag in the card configuration
+ * file (index slot - 1); -1 where the file says nothing. */
+void read_conf_facts(SlotContext contexts[MAX_SLOTS_FOR_9600]) {
     FILE *file = fopen(default_cards_conf_path().c_str(), "re");
     if (!file) return;
     char line[256];
     while (fgets(line, sizeof line, file)) {
-        int slot = 0, detected = 0, provisioned = 0;
-        if (sscanf(line, "%d %dG %dG", &slot, &detected, &provisioned) == 3 && slot >= 1 &&
-            slot <= MAX_SLOTS_FOR_9600)
-            speeds[slot - 1] = provisioned;
+        int slot = 0, detected = 0, provisioned = 0, configured = 0, dirty = 0;
+        int fields = sscanf(line, "%d %dG %dG %dG %d", &slot, &detected, &provisioned, &configured, &dirty);
+        if (fields < 3 || slot < 1 || slot > MAX_SLOTS_FOR_9600) continue;
+        contexts[slot - 1].provisioned_speed = provisioned;
+        contexts[slot - 1].dirty = fields == 5 ? dirty : -1;
     }
     fclose(file);
+}
+
+/* The serial number of the card in a slot from its VPD ("SN_VPD_FIELD:
+ * value"), empty when it cannot be read. */
+std::string read_vpd_serial(uint32_t slot) {
+    FILE *file = fopen(card_vpd_path(slot).c_str(), "re");
+    if (!file) return "";
+    char line[256];
+    std::string serial;
+    while (fgets(line, sizeof line, file)) {
+        char value[64] = "";
+        if (sscanf(line, "SN_VPD_FIELD: %63s", value) == 1) {
+            serial = value;
+            break;
+        }
+    }
+    fclose(file);
+    return serial;
 }
 
 JsonNode *document_slot(JsonNode *document, uint32_t slot) {
@@ -144,12 +162,17 @@ bool collect_slot_views(const Options &options, const Request &request, uint32_t
         !reply_document(reply, &text))
         return false;
     JsonNode *document = json_decode(text.c_str());
-    int speeds[MAX_SLOTS_FOR_9600];
-    read_provisioned_speeds(speeds);
+    SlotContext contexts[MAX_SLOTS_FOR_9600];
+    read_conf_facts(contexts);
+    std::vector<std::string> daemon_log = document_daemon_log(document);
     views->clear();
     for (const SlotSummary &summary : summaries) {
         SlotView view;
-        build_slot_view(&summary, document_slot(document, summary.slot), speeds[summary.slot - 1], &view);
+        SlotContext &context = contexts[summary.slot - 1];
+        context.daemon_log = daemon_log;
+        if (short_card_type(summary.card_type) == "none" && summary.state != "Empty")
+            context.vpd_serial = read_vpd_serial(summary.slot);
+        build_slot_view(&summary, document_slot(document, summary.slot), context, &view);
         views->push_back(view);
     }
     json_delete(document);

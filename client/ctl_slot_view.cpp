@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <optional>
 #include <string_view>
 
 #include "json.h"
@@ -34,6 +35,20 @@ constexpr std::string_view kUnsupported = "Unsupported line card inserted(vpd_va
 constexpr std::string_view kMismatch = "Different card inserted than what is pre-provisioned";
 constexpr std::string_view kWaitReload = "Transitioned to WAIT_RELOAD_PORTD";
 constexpr std::string_view kHolding = "Holding reload because of this slot ";
+constexpr std::string_view kNoIni = "Not able to find compatible INI";
+/* The INI transfer's failures: the card never gets an INI to run. */
+constexpr std::string_view kIniProgrammingFailed[] = {"Unable to program INI file", "Unable to apply INI",
+                                                     "Unable to open ini file"};
+/* What a failed reload of portd leaves in the daemon-wide log. */
+constexpr std::string_view kPortdReloadFailed[] = {"process systemctl reload portd exited with ",
+                                                  "Unable to launch systemctl reload portd"};
+/* The reloads of portd a slot's own log records. */
+constexpr std::string_view kPortdReloaded[] = {"portd reloaded", "Reloaded portd"};
+/* A pre-provisioning's INI check names the provisioned type:
+ * "INI in slot FW: ...,: From eeprom card type = N" (without the
+ * ", HW revision = " of a card's check). */
+constexpr std::string_view kIniInSlot = "INI in slot FW: ";
+constexpr std::string_view kFromEepromType = ": From eeprom card type = ";
 
 std::string member_string(JsonNode *object, const char *name) {
     JsonNode *value = object ? json_find_member(object, name) : nullptr;
@@ -55,11 +70,22 @@ std::string without_line_feed(std::string text) {
     return text;
 }
 
-void read_log(JsonNode *slot_object, SlotView *view) {
-    JsonNode *lines = slot_object ? json_find_member(slot_object, "Log") : nullptr;
-    if (!lines || lines->tag != JSON_ARRAY) return;
+std::vector<std::string> log_lines(JsonNode *object) {
+    std::vector<std::string> out;
+    JsonNode *lines = object ? json_find_member(object, "Log") : nullptr;
+    if (!lines || lines->tag != JSON_ARRAY) return out;
     for (JsonNode *line = json_first_child(lines); line; line = line->next)
-        if (line->tag == JSON_STRING) view->log.push_back(without_line_feed(line->string_));
+        if (line->tag == JSON_STRING) out.push_back(without_line_feed(line->string_));
+    return out;
+}
+
+std::vector<RingLine> parsed_lines(const std::vector<std::string> &texts) {
+    std::vector<RingLine> lines;
+    for (const std::string &text : texts) {
+        RingLine line;
+        if (parse_ring_line(text, &line)) lines.push_back(line);
+    }
+    return lines;
 }
 
 void read_state(const std::string &state, SlotView *view) {
@@ -110,6 +136,34 @@ bool has_message(const std::vector<RingLine> &lines, std::string_view prefix) {
     return false;
 }
 
+/* The last line whose message starts with one of `prefixes`, if any. */
+template <size_t N>
+std::optional<RingLine> last_message(const std::vector<RingLine> &lines, const std::string_view (&prefixes)[N]) {
+    for (auto it = lines.rbegin(); it != lines.rend(); ++it)
+        for (std::string_view prefix : prefixes)
+            if (it->message.rfind(prefix, 0) == 0) return *it;
+    return std::nullopt;
+}
+
+/* The lines from the card's last verification on: an INI check that failed
+ * before an enable took the card through its bring-up again is history. */
+std::vector<RingLine> since_last_verification(const std::vector<RingLine> &lines) {
+    for (size_t i = lines.size(); i-- > 0;) {
+        bool empty = false;
+        if (transition_stage(lines[i].message, &empty) == STAGE_VERIFIED)
+            return std::vector<RingLine>(lines.begin() + (long)i, lines.end());
+    }
+    return lines;
+}
+
+/* The slot holding the portd reload that a slot parked at `since` waits
+ * for: the last "Holding reload" line of the daemon-wide log since then. */
+std::string reload_holder(const std::vector<RingLine> &daemon_log, double since) {
+    for (auto it = daemon_log.rbegin(); it != daemon_log.rend() && it->epoch >= since; ++it)
+        if (it->message.rfind(kHolding, 0) == 0) return it->message.substr(kHolding.size());
+    return "";
+}
+
 void find_stage_start(const std::vector<RingLine> &lines, SlotView *view) {
     for (const RingLine &line : lines) {
         bool empty = false;
@@ -122,7 +176,7 @@ void find_stage_start(const std::vector<RingLine> &lines, SlotView *view) {
 
 std::string other_card_type(const std::string &card) { return card == "C4" ? "C16" : card == "C16" ? "C4" : "?"; }
 
-std::string waiting_reason(const std::vector<RingLine> &lines, const SlotView &view) {
+std::string waiting_reason(const std::vector<RingLine> &lines, const SlotView &view, const SlotContext &context) {
     std::string since = view.stage_since_clock.empty() ? "" : " since " + view.stage_since_clock;
     /* The ready step runs with the READY bit already set and still awaits
      * "ready" until its fixed waits and polls are over. */
@@ -131,16 +185,32 @@ std::string waiting_reason(const std::vector<RingLine> &lines, const SlotView &v
     bool known = !view.awaited_event.empty() && view.awaited_event != "none" && view.awaited_event != "empty";
     if (known) return "waiting for " + view.awaited_event + since;
     for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
-        if (it->message.rfind(kHolding, 0) == 0)
-            return "waiting for the portd reload, held by slot " + it->message.substr(kHolding.size()) + since;
-        if (it->message.rfind(kWaitReload, 0) == 0) return "waiting for the portd reload" + since;
+        if (it->message.rfind(kWaitReload, 0) != 0) continue;
+        /* Parked: the holder is named in the daemon-wide log. */
+        std::string holder = reload_holder(parsed_lines(context.daemon_log), it->epoch);
+        if (!holder.empty()) return "waiting for the portd reload, held by slot " + holder;
+        return "waiting for the portd reload since " + it->clock;
     }
     return "in bring-up" + since;
 }
 
+/* A card whose cards.conf line is still dirty once it has left the reload
+ * rendezvous: the reload of portd failed, and portd does not know its
+ * ports.  Empty when that is not the case. */
+std::string ports_not_taken(const SlotView &view, const std::vector<RingLine> &lines, const SlotContext &context) {
+    bool present = view.stage_bits & (1u << STAGE_PRESENT);
+    bool synced = view.stage_bits & (1u << STAGE_SYNCED);
+    bool in_rendezvous = view.awaited_event == "synced" || view.awaited_event == "none";
+    if (context.dirty != 1 || !present || !synced || in_rendezvous) return "";
+    std::optional<RingLine> failure = last_message(parsed_lines(context.daemon_log), kPortdReloadFailed);
+    if (!failure) failure = last_message(lines, kPortdReloaded);
+    if (!failure) return "ports not taken by portd (reload failed)";
+    return "ports not taken by portd (reload failed at " + failure->clock + ")";
+}
+
 /* Why a slot with a card is not in service; `held` set when it will not go
  * on by itself. */
-std::string offline_reason(const SlotView &view, bool *held) {
+std::string offline_reason(const SlotView &view, const SlotContext &context, bool *held) {
     std::vector<RingLine> lines = current_card_lines(view);
     *held = true;
     if (view.disabled) return "disabled by the administrator";
@@ -154,16 +224,39 @@ std::string offline_reason(const SlotView &view, bool *held) {
                                                                                             : other_card_type(card);
         return "pre-provisioned for " + wanted + " but a " + card + " is inserted";
     }
+    /* The cause the daemon logged comes before its stuck verdict. */
+    std::vector<RingLine> verification = since_last_verification(lines);
+    if (has_message(verification, kNoIni)) return "no compatible INI for this card";
+    if (last_message(verification, kIniProgrammingFailed)) return "INI programming failed for this card";
     if (view.stuck)
         return std::string("stuck at ") + stage_name(view.stage) + " after " + std::to_string(kStuckTries) + " tries";
     *held = false;
-    return waiting_reason(lines, view);
+    std::string ports = ports_not_taken(view, lines, context);
+    return ports.empty() ? waiting_reason(lines, view, context) : ports;
+}
+
+/* The type a pre-provisioning asked for, as its INI check logged it: "C4",
+ * "C16", or empty when the slot's log no longer holds that line. */
+std::string logged_provisioned_type(const SlotView &view) {
+    for (auto it = view.log.rbegin(); it != view.log.rend(); ++it) {
+        RingLine line;
+        if (!parse_ring_line(*it, &line) || line.message.rfind(kIniInSlot, 0) != 0) continue;
+        size_t at = line.message.rfind(kFromEepromType);
+        if (at == std::string::npos || line.message.find(", HW revision = ", at) != std::string::npos) continue;
+        int type = atoi(line.message.c_str() + at + kFromEepromType.size());
+        return type == 1 ? "C4" : type == 3 ? "C16" : "";
+    }
+    return "";
 }
 
 std::string provisioned_type_from(int speed, const SlotView &view) {
     if (!view.provisioned) return "-";
     if (speed == 400) return "C4";
     if (speed == 100) return "C16";
+    /* Not recorded: a pre-provisioning that failed after the daemon took
+     * it (no INI, no synced slot) leaves cards.conf as it was. */
+    std::string logged = logged_provisioned_type(view);
+    if (!logged.empty()) return logged;
     /* Not recorded: a card it accepted is of its type. */
     if (view.stage >= STAGE_POWERED) {
         std::string card = short_card_type(view.card_type);
@@ -220,7 +313,15 @@ std::string short_card_type(const std::string &card_type) {
     return "none";
 }
 
+std::vector<std::string> document_daemon_log(JsonNode *document) { return log_lines(document); }
+
 void build_slot_view(const SlotSummary *summary, JsonNode *slot_object, int provisioned_speed, SlotView *view) {
+    SlotContext context;
+    context.provisioned_speed = provisioned_speed;
+    build_slot_view(summary, slot_object, context, view);
+}
+
+void build_slot_view(const SlotSummary *summary, JsonNode *slot_object, const SlotContext &context, SlotView *view) {
     if (summary) {
         view->slot = summary->slot;
         view->oper_state = summary->state;
@@ -244,7 +345,7 @@ void build_slot_view(const SlotSummary *summary, JsonNode *slot_object, int prov
         if (up_time)
             view->up_time_s = member_number(up_time, "Hours") * 3600 + member_number(up_time, "Minutes") * 60 +
                               member_number(up_time, "Seconds");
-        read_log(slot_object, view);
+        view->log = log_lines(slot_object);
         find_stage_start(current_card_lines(*view), view);
         if (!summary)
             view->oper_state = !(view->stage_bits & 1u)                       ? "Empty"
@@ -253,12 +354,18 @@ void build_slot_view(const SlotSummary *summary, JsonNode *slot_object, int prov
     }
     std::string card = short_card_type(view->card_type);
     view->ports = card == "C4" ? 4 : card == "C16" ? 16 : 0;
-    view->provisioned_type = provisioned_type_from(provisioned_speed, *view);
-    if (view->oper_state == "Operational") return;
-    if (view->oper_state == "Empty")
+    if (card == "none" && (view->stage_bits & 1u)) {
+        /* A card the daemon refused: it never read the serial number. */
+        view->part_number = part_number(current_card_lines(*view));
+        if (view->serial_no == "none" && !context.vpd_serial.empty()) view->serial_no = context.vpd_serial;
+    }
+    view->provisioned_type = provisioned_type_from(context.provisioned_speed, *view);
+    if (view->oper_state == "Operational")
+        view->reason = ports_not_taken(*view, current_card_lines(*view), context);
+    else if (view->oper_state == "Empty")
         view->reason = view->disabled ? "disabled by the administrator" : "no card in the slot";
     else
-        view->reason = offline_reason(*view, &view->held);
+        view->reason = offline_reason(*view, context, &view->held);
 }
 
 double remaining_fixed_wait(Stage stage, bool held, double elapsed_s, double scale) {

@@ -40,6 +40,15 @@ bool parse_ring_line(const std::string &line, RingLine *parsed);
  * another message; `empty` is set for "to SLOT_EMPTY". */
 Stage transition_stage(const std::string &message, bool *empty);
 
+/* What the daemon's replies about one slot do not carry: the slot's line of
+ * the card configuration file and the daemon-wide log ring. */
+struct SlotContext {
+    int provisioned_speed = -1;           // Gb/s as cards.conf records it, -1 not known
+    int dirty = -1;                       // cards.conf's dirty flag, -1 not known
+    std::vector<std::string> daemon_log;  // the daemon-wide ring, oldest first, without line feeds
+    std::string vpd_serial;               // the serial number in the card's VPD, empty when not read
+};
+
 struct SlotView {
     uint32_t slot = 0;
     std::string oper_state;     // the daemon's word: Empty, Offline, Operational
@@ -47,6 +56,7 @@ struct SlotView {
     bool provisioned = false;
     std::string provisioned_type;  // "C4", "C16", "-" (not provisioned), "?" (not known)
     std::string card_type;      // the daemon's card type name
+    std::string part_number;    // an unsupported card's part number as logged, empty when not known
     std::string serial_no;
     int hw_revision = 0;        // hardware revision of the slot's INI
     int ini_minor = 0;
@@ -69,6 +79,12 @@ struct SlotView {
  * `provisioned_speed` is the slot's provisioned speed in Gb/s as the card
  * configuration file records it, or -1 when it is not known. */
 void build_slot_view(const SlotSummary *summary, JsonNode *slot_object, int provisioned_speed, SlotView *view);
+/* The same, with the slot's cards.conf facts and the daemon-wide log, which
+ * name the slot holding a portd reload and a reload that failed. */
+void build_slot_view(const SlotSummary *summary, JsonNode *slot_object, const SlotContext &context, SlotView *view);
+
+/* The daemon-wide log lines of a status document (its top-level "Log"). */
+std::vector<std::string> document_daemon_log(JsonNode *document);
 
 /* "C4", "C16" or "none" for the daemon's card type name. */
 std::string short_card_type(const std::string &card_type);

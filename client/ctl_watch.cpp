@@ -37,23 +37,17 @@ constexpr const char kShowCursor[] = "\033[?25h";
 constexpr const char kHideCursor[] = "\033[?25l";
 constexpr const char kHomeAndClear[] = "\033[H\033[2J";
 
-volatile sig_atomic_t g_terminal_mode = 0;
+/* The signal that asked the watch to end, 0 while none did. */
+volatile sig_atomic_t g_stop_signal = 0;
 
-/* Ctrl-C (or a termination request) ends the watch at once; the cursor is
- * given back to the terminal first. */
-void leave_on_signal(int signal_number) {
-    if (g_terminal_mode) {
-        ssize_t ignored = write(STDOUT_FILENO, kShowCursor, sizeof kShowCursor - 1);
-        ignored = write(STDOUT_FILENO, "\n", 1);
-        (void)ignored;
-    }
-    _exit(128 + signal_number);
-}
+/* Ctrl-C (or a termination request) ends the watch after the look in
+ * progress: the end object is still written and the cursor given back. */
+void stop_on_signal(int signal_number) { g_stop_signal = signal_number; }
 
 void install_signal_handlers() {
     struct sigaction action;
     memset(&action, 0, sizeof action);
-    action.sa_handler = leave_on_signal;
+    action.sa_handler = stop_on_signal;  // no SA_RESTART: a pause ends at once
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
@@ -232,23 +226,15 @@ void draw_terminal(const WatchState &state, double now, double scale) {
     fflush(stdout);
 }
 
-/* One look at the daemon; false when it gave no proper answer. */
+/* One look at the daemon; false when it gave no proper answer.  The slots
+ * are seen as show sees them (the same requests, the same facts). */
 bool look(const Options &options, const Request &request, WatchState *state, double scale, bool terminal) {
-    std::vector<unsigned char> reply;
-    std::string text;
-    if (!daemon_request(options, request, DEBUG_SLOT, request.slot_no, true, &reply) ||
-        !reply_document(reply, &text))
-        return false;
-    JsonNode *document = json_decode(text.c_str());
+    std::vector<SlotView> views;
+    if (!collect_slot_views(options, request, SHOW_SUMMARY, &views)) return false;
     double now = wall_clock();
     state->views.clear();
-    for (uint32_t slot = 1; slot <= MAX_SLOTS_FOR_9600; ++slot) {
-        std::string key = "slot" + std::to_string(slot);
-        JsonNode *object = json_find_member(document, key.c_str());
-        if (!object || object->tag != JSON_OBJECT) continue;
-        SlotView view;
-        build_slot_view(nullptr, object, -1, &view);
-        SlotTrack *track = &state->tracks[slot - 1];
+    for (const SlotView &view : views) {
+        SlotTrack *track = &state->tracks[view.slot - 1];
         std::vector<Transition> lines = new_lines(view, track);
         std::vector<Transition> missed = missed_stages(view, *track, lines, now);
         lines.insert(lines.begin(), missed.begin(), missed.end());
@@ -268,7 +254,6 @@ bool look(const Options &options, const Request &request, WatchState *state, dou
     }
     while (state->transitions.size() > kMaxShownTransitions) state->transitions.pop_front();
     state->first_look = false;
-    json_delete(document);
     if (terminal) draw_terminal(*state, now, scale);
     return true;
 }
@@ -314,8 +299,8 @@ int run_watch(const Options &options, const Request &request) {
     double scale = environment_time_scale();
     double interval = options.interval_s > 0 ? options.interval_s : kDefaultIntervalS;
     int64_t end_ms = options.timeout_s > 0 ? monotonic_ms() + (int64_t)(options.timeout_s * 1000) : 0;
+    auto limit_reached = [&] { return end_ms && monotonic_ms() >= end_ms; };
 
-    g_terminal_mode = terminal;
     install_signal_handlers();
     if (terminal) fputs(kHideCursor, stdout);
 
@@ -327,7 +312,16 @@ int run_watch(const Options &options, const Request &request) {
         Options look_options = options;
         int64_t left_ms = end_ms ? end_ms - monotonic_ms() : kRequestLimitMs;
         look_options.timeout_s = (double)(left_ms < kRequestLimitMs ? (left_ms > 1 ? left_ms : 1) : kRequestLimitMs) / 1000.0;
-        if (!look(look_options, request, &state, scale, terminal)) {
+        bool answered = look(look_options, request, &state, scale, terminal);
+        if (g_stop_signal) break;
+        if (!answered) {
+            if (limit_reached()) {  // the look was cut short by the watch's own limit
+                if (options.until_online) {
+                    exit_status = EXIT_NOT_YET;
+                    outcome = "time_limit";
+                }
+                break;
+            }
             exit_status = EXIT_NO_ANSWER;
             outcome = "no_answer";
             break;
@@ -350,13 +344,21 @@ int run_watch(const Options &options, const Request &request) {
             break;
         }
         sleep_seconds(interval);
+        if (g_stop_signal) break;
     }
-    emit_end(json, options.until_online, outcome, reason);
+    if (g_stop_signal) {
+        exit_status = 128 + g_stop_signal;
+        outcome = "interrupted";
+    }
+    uint32_t watched = options.until_online ? options.until_online
+                       : request.slot_no != CTL_ALL_SLOTS ? request.slot_no
+                                                          : 0;
+    emit_end(json, watched, outcome, reason);
     if (terminal) {
         fputs(kShowCursor, stdout);
+        fputc('\n', stdout);
         fflush(stdout);
     }
-    g_terminal_mode = 0;
     if (options.until_online && exit_status == EXIT_REFUSED)
         fprintf(stderr, "chmgrctl: slot %u will not come up: %s\n", options.until_online, reason.c_str());
     if (exit_status == EXIT_NOT_YET)

@@ -1,6 +1,7 @@
 // Fuzz target for chmgrctl's reading of a status document: arbitrary bytes as
 // the document the daemon sent.  Each slot object becomes a slot view (state
-// text, awaited event, log lines read as ring lines, reason) and the document
+// text, awaited event, log lines read as ring lines, the daemon-wide log, the
+// cards.conf facts, reason) and the document
 // is translated to the common JSON form; every line is also read as a ring
 // line.  Checks that nothing crashes and that everything the client would
 // print is valid JSON that decodes again.
@@ -54,10 +55,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         json_delete(translated);
     }
     if (document->tag == JSON_OBJECT) {
+        /* The facts show adds: the daemon-wide log of the same document, a
+         * dirty flag and a VPD serial number of any value. */
+        chmgrctl::SlotContext context;
+        context.provisioned_speed = static_cast<int>(size % 500);
+        context.dirty = static_cast<int>(size % 3) - 1;
+        context.daemon_log = chmgrctl::document_daemon_log(document);
+        context.vpd_serial = text.substr(0, size % 40);
         for (JsonNode *member = json_first_child(document); member; member = member->next) {
             if (member->tag != JSON_OBJECT) continue;
             chmgrctl::SlotView view;
-            chmgrctl::build_slot_view(nullptr, member, static_cast<int>(size % 500), &view);
+            chmgrctl::build_slot_view(nullptr, member, context, &view);
             JsonNode *shown = chmgrctl::slot_view_json(view);
             check_encodes(shown, "slot view");
             json_delete(shown);

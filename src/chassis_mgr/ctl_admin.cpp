@@ -59,17 +59,14 @@ void enable_slot(int slot_id) {
     cards_conf_disable_slot(slot_id, 0);
 }
 
-/* A disabled card is not coming up: it awaits nothing (so the supervision
- * does not declare it stuck) and does not hold the portd reload of others.
- * A slot already parked in the rendezvous stays there, its ports are part
- * of the batch; the reload then leaves it waiting for nothing.  An empty
- * slot goes on awaiting a card.  Called with g_cards_conf_mutex held, which
- * guards the rendezvous. */
-void stop_bring_up(slotInfo *slot) {
-    if (!slot_has_card(slot)) return;
+/* A disabled card is not coming up, so it does not hold the portd reload
+ * of the others; it keeps the event it awaited (its supervision stops
+ * without counting, see supervision.cpp).  A slot already parked in the
+ * rendezvous keeps its flag: its ports are part of the batch.  Called with
+ * g_cards_conf_mutex held, which guards the rendezvous. */
+void release_reload_hold(slotInfo *slot) {
     if (slot->trans_timer.state_monitored == slot_wait_reload_portd && slot->in_transition_reload_portd) return;
     slot->in_transition_reload_portd = 0;
-    slot->trans_timer.state_monitored = slot_empty_event;
 }
 
 void disable_slot(int slot_id) {
@@ -79,7 +76,7 @@ void disable_slot(int slot_id) {
     set_linecard_disable(slot_id, true);
     slot->current_state &= ~kBringUpBits;
     MutexLock conf_lock(&g_cards_conf_mutex);
-    stop_bring_up(slot);
+    release_reload_hold(slot);
     cards_conf_disable_slot(slot_id, 1);
 }
 
@@ -170,7 +167,8 @@ void unprovision_slot(int slot_id) {
     /* An empty slot has no card coming up to hold the portd reload for. */
     if (!slot_has_card(slot)) slot->in_transition_reload_portd = 0;
     update_cards_conf(slot_id, card_type_port_speed(slot->card_type), 0, 0, 1, 0, slot->disabled);
-    if (!invoke_reload_portd()) {
+    bool reloaded = invoke_reload_portd();
+    if (!reloaded) {
         CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Reload portd failed\n");
         ctl_set_failure(g_ctl_resp_buf, RELOAD_FAILED_TEXT);
     }
@@ -179,7 +177,7 @@ void unprovision_slot(int slot_id) {
         CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "INI programming failed for slot\n");
         ctl_set_failure(g_ctl_resp_buf, INI_RESET_FAILED_TEXT);
     }
-    cards_conf_clear_dirty_bits();
+    if (reloaded) cards_conf_clear_dirty_bits();  // portd has not taken what a failed reload left dirty
     ctl_set_status(g_ctl_resp_buf, CTL_SUCCESS);
 }
 

@@ -83,9 +83,9 @@ void remove_slot_ports(int slot_id) {
     MutexLock lock(&g_cards_conf_mutex);
     update_cards_conf(slot_id, card_type_port_speed(slot->card_type), 0, 0, 1, 0, slot->disabled);
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Reloading portd for removing ports\n");
-    invoke_reload_portd();
+    bool reloaded = invoke_reload_portd();
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Reloaded portd\n");
-    cards_conf_clear_dirty_bits();
+    if (reloaded) cards_conf_clear_dirty_bits();  // else portd still has the ports: the line stays dirty
 }
 
 /* Fills `file_ini` with the shipped image, else the EEPROM image; false
@@ -105,15 +105,19 @@ bool find_programmable_ini(int slot_id, iniInfo *file_ini) {
 }
 
 /* Programs `file_ini` under the cards.conf lock; the caller learns of a
- * failed programming only through the log. */
+ * failed programming only through the log.  A new card whose INI could not
+ * be programmed never reaches SYNCED by itself, so it does not hold the
+ * portd reload of the others; a pre-provisioning keeps its latch, which it
+ * uses for its own reload. */
 void program_ini(int slot_id, iniInfo *file_ini) {
     slotInfo *slot = &g_slots_info[slot_id - 1];
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Reprogramming INI\n");
     {
         MutexLock lock(&g_cards_conf_mutex);
         slot->current_state &= ~SLOT_SYNCED;
-        if (sdk_program_ini(slot_id, true, file_ini)) slot->card_type = (int)file_ini->card_type;
-        slot->in_transition_reload_portd = 1;
+        bool programmed = sdk_program_ini(slot_id, true, file_ini);
+        if (programmed) slot->card_type = (int)file_ini->card_type;
+        slot->in_transition_reload_portd = programmed || slot->provisioned ? 1 : 0;
     }
     slot->ini_info.card_type = (int32_t)file_ini->card_type;
     slot->ini_info.hw_revision = (int32_t)file_ini->hw_revision;

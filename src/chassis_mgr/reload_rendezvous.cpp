@@ -32,12 +32,9 @@ slotEvent step_after_synced(const slotInfo *slot) {
 bool is_parked(const slotInfo *slot) { return slot->trans_timer.state_monitored == slot_wait_reload_portd; }
 
 /* Sends a slot out of the rendezvous towards its next step.  A slot
- * disabled while it waited awaits nothing until it is enabled again. */
+ * disabled while it waited awaits that step too; its supervision stops at
+ * the first expiry and its events are refused by the steps themselves. */
 void send_on(int slot_id, slotInfo *slot) {
-    if (slot->disabled) {
-        slot->trans_timer.state_monitored = slot_empty_event;
-        return;
-    }
     if (!await_slot_event(slot_id, step_after_synced(slot), STEP_PERIOD_SECONDS))
         CM_LOG(LOG_LEVEL_ERR, "Unable to start timer\n");
 }
@@ -116,10 +113,11 @@ bool wait_reload_portd(int slot_id) {
      * but its ports are new all the same, so it reloads and moves on. */
     if (is_parked(slot)) send_on(slot_id, slot);
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Reloading portd...\n");
-    invoke_reload_portd();  /* a failure is logged; the slots go on regardless */
+    bool reloaded = invoke_reload_portd();  /* a failure is logged; the slots go on regardless */
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "portd reloaded\n");
-    /* The dirty cards are known to portd now. */
-    cards_conf_clear_dirty_bits();
+    /* The dirty cards are known to portd now, unless the reload failed:
+     * then cards.conf goes on naming them until a reload succeeds. */
+    if (reloaded) cards_conf_clear_dirty_bits();
     return true;
 }
 

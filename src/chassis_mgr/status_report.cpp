@@ -47,29 +47,26 @@ size_t utf8_sequence_length(const unsigned char *p) {
     return 0;
 }
 
-/* Control bytes: the encoder escapes those below 0x1F and lets 0x1F itself
- * through raw, which no JSON reader accepts. */
-bool is_control(unsigned char c) { return c < 0x20 || c == 0x7F; }
-
-/* True for a byte that is shown as '?' in a text of the given kind. */
-bool replaced_byte(unsigned char c, bool serial) { return c == 0x1F || (serial && is_control(c)); }
+/* The one byte that would break the document: the encoder escapes every
+ * byte below 0x1F but writes 0x1F itself raw, which no JSON reader accepts. */
+constexpr unsigned char kUnitSeparator = 0x1F;
 
 /* A string node for `text`.  The encoder accepts only valid UTF-8, and the
  * texts shown here (card EEPROM serials, log lines cut at 511 bytes) may
- * hold anything: each byte that does not start a valid sequence becomes '?'.
- * A serial number is an identifier read from a card, never a layout: its
- * control bytes become '?' too; a log line keeps its line feed (escaped).
- * Every text shown is shorter than a log line. */
-JsonNode *make_text(const char *text, bool serial = false) {
+ * hold anything: each byte that does not start a valid sequence becomes '?',
+ * and so does 0x1F.  Every other byte keeps the encoder's form: the control
+ * bytes below 0x1F their escapes, DEL and the rest as they are.  Every text
+ * shown is shorter than a log line. */
+JsonNode *make_text(const char *text) {
     const char *scan = text;
-    while (*scan && (unsigned char)*scan < 0x80 && !replaced_byte((unsigned char)*scan, serial)) ++scan;
+    while (*scan && (unsigned char)*scan < 0x80 && (unsigned char)*scan != kUnitSeparator) ++scan;
     if (!*scan) return json_mkstring(text);  // plain text, the usual case
 
     char clean[LOG_LINE_SIZE];
     const unsigned char *in = (const unsigned char *)text;
     size_t out = 0;
     while (*in && out < sizeof clean - 1) {
-        size_t length = replaced_byte(*in, serial) ? 0 : utf8_sequence_length(in);
+        size_t length = *in == kUnitSeparator ? 0 : utf8_sequence_length(in);
         if (length == 0 || out + length > sizeof clean - 1) {
             clean[out++] = '?';
             ++in;
@@ -143,7 +140,7 @@ JsonNode *make_slot(int slot_id) {
     slot_serial_get(slot_id, serial);
     char serial_text[kSerialTextSize];
     snprintf(serial_text, sizeof serial_text, "%.*s", SERIAL_NO_SIZE, serial);  // may fill all 32 bytes
-    json_append_member(object, "Serial No", make_text(serial_text, true));
+    json_append_member(object, "Serial No", make_text(serial_text));
 
     if (current_state & SLOT_ACTIVE) json_append_member(object, "Up Time", make_up_time(slot_id));
     json_append_member(object, "Log", make_ring(slot_id));

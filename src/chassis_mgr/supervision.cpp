@@ -6,7 +6,9 @@
  * worker runs handle_slot_timer_expired under the slot mutex: it reads the
  * files itself, runs the awaited transition when its file now reads 1,
  * otherwise re-arms, and after 240 fruitless expiries declares the slot
- * stuck and stops re-arming.
+ * stuck and stops re-arming.  A disabled card is not coming up: the
+ * supervision of its stage stops without counting and without a verdict,
+ * and the enable starts it again through the presence transition.
  */
 #include "chassis_mgr.h"
 
@@ -50,8 +52,23 @@ bool supervise_synced(int slot_id, slotInfo *slot) {
     return true;
 }
 
+/* True for the stages that count towards the stuck verdict. */
+bool counted_stage(int monitored) {
+    switch (monitored) {
+    case slot_verified_event:
+    case slot_synced_event:
+    case slot_powered_event:
+    case slot_ready_event:
+    case slot_active_event:
+        return true;
+    default:
+        return false;
+    }
+}
+
 /* The awaited event has not happened: keep waiting, by stage. */
 bool keep_waiting(int slot_id, slotInfo *slot, int monitored) {
+    if (slot->disabled && counted_stage(monitored)) return true;  // nothing to wait for until enabled
     switch (monitored) {
     case slot_present_event:
         return rearm(slot_id, PRESENT_POLL_PERIOD_SEC);  // an empty slot is polled for ever

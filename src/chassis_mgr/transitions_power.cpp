@@ -44,6 +44,15 @@ bool accept_provisioned_card(int slot_id) {
     return true;
 }
 
+/* A card without a compatible INI never reaches SYNCED by itself: like a
+ * pulled card it must not hold the portd reload of the cards that do.
+ * Should an INI come into use after all, its synced step still parks it
+ * and the reload it triggers sends it on. */
+void give_up_reload_hold(slotInfo *slot) {
+    MutexLock lock(&g_cards_conf_mutex);
+    slot->in_transition_reload_portd = 0;
+}
+
 }  // namespace
 
 bool verified_transition(int slot_id) {
@@ -72,8 +81,10 @@ bool verified_transition(int slot_id) {
         /* A pre-provisioned slot got its INI when it was provisioned. */
         if (!slot->slot_in_debug && !slot->provisioned) {
             CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Checking INI for slot\n");
-            if (!check_and_update_ini_for_lc_insert(slot_id))
+            if (!check_and_update_ini_for_lc_insert(slot_id)) {
                 CM_LOG_SLOT(LOG_LEVEL_ERR, slot_id, "Failed to locate and program INI file\n");
+                give_up_reload_hold(slot);
+            }
         }
     }
 

@@ -17,8 +17,8 @@ EMPTY_TABLE = ("SLOT  STATE  ADMIN    STAGE  CARD  SERIAL  UP TIME\n" +
 
 def empty_slot(slot):
     return {"slot": slot, "oper_state": "Empty", "admin_state": "enabled", "stage": None, "stuck": False,
-            "awaited_event": "present", "provisioned": False, "provisioned_type": None, "card_type": "none",
-            "serial_no": "none", "hw_revision": 0, "ini_minor": 0, "ports": 0, "up_time_seconds": None,
+            "awaited_event": "present", "provisioned": False, "provisioned_type": None, "card_type": None,
+            "part_number": None, "serial_no": None, "hw_revision": 0, "ini_minor": 0, "ports": 0, "up_time_seconds": None,
             "reason": "no card in the slot"}
 
 
@@ -36,9 +36,9 @@ def test_show_json_lists_every_slot(sandbox, daemon):
     start_listening(sandbox, daemon)
     result = chmgrctl(sandbox, "--json", "show")
     assert result.returncode == 0
-    assert json.loads(result.stdout) == {"schema_version": 1, "command": "show",
+    assert json.loads(result.stdout) == {"schema_version": 2, "command": "show",
                                          "slots": [empty_slot(s) for s in range(1, 9)]}
-    assert result.stdout.startswith('{\n  "schema_version": 1,\n  "command": "show",\n  "slots": [\n')
+    assert result.stdout.startswith('{\n  "schema_version": 2,\n  "command": "show",\n  "slots": [\n')
     assert result.stdout.endswith("}\n")
 
 
@@ -69,10 +69,11 @@ def test_show_and_detail_of_an_operational_card(sandbox, daemon):
     as_json = chmgrctl_json(sandbox, "detail", "3")
     slot = as_json["slots"][0]
     assert slot.pop("up_time_seconds") >= 0
-    assert as_json == {"schema_version": 1, "command": "detail", "slots": [slot]}
+    assert as_json == {"schema_version": 2, "command": "detail", "slots": [slot]}
     assert slot == {"slot": 3, "oper_state": "Operational", "admin_state": "enabled", "stage": "ACTIVE",
                     "stuck": False, "awaited_event": "empty", "provisioned": False, "provisioned_type": None,
-                    "card_type": "KTR9600-C16", "serial_no": "SN00000003", "hw_revision": 2, "ini_minor": 5,
+                    "card_type": "KTR9600-C16", "part_number": None, "serial_no": "SN00000003", "hw_revision": 2,
+                    "ini_minor": 5,
                     "ports": 16, "reason": None}
 
 
@@ -98,9 +99,9 @@ def test_enable_and_disable_report_each_slot_or_all(sandbox, daemon):
     assert all(line.endswith("disable") for line in sandbox.read("etc/tarnel/cards.conf").splitlines())
     result = chmgrctl(sandbox, "enable", "all", "--json")
     assert result.returncode == 0
-    assert json.loads(result.stdout) == {"schema_version": 1, "command": "enable", "slot": "all", "status": 0,
+    assert json.loads(result.stdout) == {"schema_version": 2, "command": "enable", "slot": "all", "status": 0,
                                          "results": [{"slot": s, "status": 0} for s in range(1, 9)]}
-    assert chmgrctl_json(sandbox, "disable", "5") == {"schema_version": 1, "command": "disable", "slot": 5,
+    assert chmgrctl_json(sandbox, "disable", "5") == {"schema_version": 2, "command": "disable", "slot": 5,
                                                      "status": 0, "results": [{"slot": 5, "status": 0}]}
 
 
@@ -123,7 +124,7 @@ def test_provision_refused_for_an_active_card_exits_1_with_the_daemon_text(sandb
     as_json = chmgrctl(sandbox, "provision", "2", "C4", "--json")
     assert as_json.returncode == 1
     text = "Remove active card or disable the slot before pre-provisioning"
-    assert json.loads(as_json.stdout) == {"schema_version": 1, "command": "provision", "slot": 2, "status": -16,
+    assert json.loads(as_json.stdout) == {"schema_version": 2, "command": "provision", "slot": 2, "status": -16,
                                           "results": [{"slot": 2, "status": -16, "message": text}]}
 
 
@@ -145,10 +146,10 @@ def test_provision_and_unprovision_of_an_empty_slot(sandbox, daemon):
     assert (result.returncode, result.stdout, result.stderr) == (0, "slot 7: pre-provisioning removed\n", "")
     assert chmgrctl(sandbox, "show", "7", "--json").stdout.count('"provisioned": false') == 1
     assert chmgrctl_json(sandbox, "provision", "7", "C16") == {
-        "schema_version": 1, "command": "provision", "slot": 7, "status": 0, "results": [{"slot": 7, "status": 0}]}
+        "schema_version": 2, "command": "provision", "slot": 7, "status": 0, "results": [{"slot": 7, "status": 0}]}
     assert chmgrctl_json(sandbox, "show", "7")["slots"][0]["provisioned_type"] == "C16"
     assert chmgrctl_json(sandbox, "unprovision", "7") == {
-        "schema_version": 1, "command": "unprovision", "slot": 7, "status": 0,
+        "schema_version": 2, "command": "unprovision", "slot": 7, "status": 0,
         "results": [{"slot": 7, "status": 0}]}
 
 
@@ -160,7 +161,7 @@ def test_unprovision_warns_with_the_text_of_a_failed_step(sandbox, daemon):
     assert result.stdout == "slot 4: pre-provisioning removed\n"
     assert result.stderr == "chmgrctl: warning: slot 4: INI programming for slot failed\n"
     assert chmgrctl_json(sandbox, "unprovision", "4") == {
-        "schema_version": 1, "command": "unprovision", "slot": 4, "status": 0,
+        "schema_version": 2, "command": "unprovision", "slot": 4, "status": 0,
         "results": [{"slot": 4, "status": 0, "warning": "INI programming for slot failed"}]}
 
 
@@ -178,7 +179,7 @@ def test_status_json_raw_is_the_status_document(sandbox, daemon):
 def test_status_json_translates_the_status_document(sandbox, daemon):
     start_listening(sandbox, daemon)
     bring_up(sandbox, 4)
-    wait_until(lambda: chmgrctl_json(sandbox, "status", "4")["slots"][0]["exp_event"] == "empty",
+    wait_until(lambda: chmgrctl_json(sandbox, "status", "4")["slots"][0]["awaited_event"] == "empty",
                what="slot 4 to await nothing more")
     translated = chmgrctl_json(sandbox, "status", "4")
     document = json.loads(sandbox.read(DOCUMENT_RELPATH))
@@ -188,10 +189,9 @@ def test_status_json_translates_the_status_document(sandbox, daemon):
     assert translated["log"] == [line.rstrip("\n") for line in document["Log"]]
     slot = translated["slots"][0]
     assert slot == {
-        "slot": 4, "state": raw["STATE"].rstrip(" "), "exp_event": "empty", "card_type": "KTR9600-C16",
-        "provisioned": False, "disabled": False, "serial_no": "SN00000004", "error": False,
-        "up_time": {"hours": raw["Up Time"]["Hours"], "minutes": raw["Up Time"]["Minutes"],
-                    "seconds": raw["Up Time"]["Seconds"]},
+        "slot": 4, "state": raw["STATE"].rstrip(" "), "awaited_event": "empty", "card_type": "KTR9600-C16",
+        "provisioned": False, "admin_state": "enabled", "serial_no": "SN00000004", "stuck": False,
+        "up_time_seconds": raw["Up Time"]["Hours"] * 3600 + raw["Up Time"]["Minutes"] * 60 + raw["Up Time"]["Seconds"],
         "log": [line.rstrip("\n") for line in raw["Log"]]}
     assert all(not line.endswith("\n") for line in slot["log"]) and slot["log"]
 
@@ -340,7 +340,7 @@ def test_every_json_output_follows_the_documented_schema(sandbox, daemon):
         result = chmgrctl(sandbox, *args, "--json")
         value = json.loads(result.stdout)
         assert_valid(value)
-        assert value["schema_version"] == 1
+        assert value["schema_version"] == 2
         assert value["command"] == args[0]
         outputs[args] = value
     assert outputs[("provision", "6", "C4")]["status"] == -16  # a refusal follows the same form

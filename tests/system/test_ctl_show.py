@@ -195,3 +195,16 @@ def test_debug_trigger_file_deleted_then_renamed_into_place_still_triggers(sandb
     wait_until(lambda: watching in console_lines(handle), what="the trigger file watched again")
     assert console_lines(handle).count(watching) == 1
     assert list(status_document(sandbox, handle, 5))[2:] == ["slot5"]
+
+
+def test_serial_keeps_the_encoder_escapes_and_delete_stays_raw(sandbox, daemon):
+    start_listening(sandbox, daemon)
+    sandbox.insert(5, pn="KTR9600-C16", sn="A\x01B\x1eC\x1fD\x7fE", rev=2)
+    expected = b'\t\t"Serial No": "A\\u0001B\\u001EC?D\x7fE",\n'
+
+    def document_bytes():
+        reply = ctl_exchange(sandbox, ctl_request(DEBUG_SLOT, 5))[24:]
+        return reply if expected in reply else None
+
+    wait_until(document_bytes, what="the serial number in the status document")
+    assert expected in (sandbox.path(DOCUMENT_RELPATH)).read_bytes()

@@ -29,20 +29,31 @@ TEST(ChmgrctlJson, StatusDocumentIsTranslatedToSnakeCaseWithoutLineFeeds) {
     ASSERT_NE(document.node, nullptr);
     Tree translated(translate_status_document(document.node));
     EXPECT_EQ(encoded(translated.node),
-              "{\"schema_version\":1,\"command\":\"status\",\"chassis\":\"KTR9600\","
+              "{\"schema_version\":2,\"command\":\"status\",\"chassis\":\"KTR9600\","
               "\"log\":[\"[INFO]1 2 3 a.cpp:1 started\"],\"slots\":[{\"slot\":3,"
-              "\"state\":\"SLOT_PRESENT |SLOT_ACTIVE |\",\"exp_event\":\"empty\",\"card_type\":\"KTR9600-C4\","
-              "\"provisioned\":false,\"disabled\":true,\"serial_no\":\"SN3\",\"error\":false,"
-              "\"up_time\":{\"hours\":1,\"minutes\":2,\"seconds\":5},\"log\":[\"x\",\"y\"]}]}");
+              "\"state\":\"SLOT_PRESENT |SLOT_ACTIVE |\",\"awaited_event\":\"empty\",\"card_type\":\"KTR9600-C4\","
+              "\"provisioned\":false,\"admin_state\":\"disabled\",\"serial_no\":\"SN3\",\"stuck\":false,"
+              "\"up_time_seconds\":3725,\"log\":[\"x\",\"y\"]}]}");
 }
 
 TEST(ChmgrctlJson, MissingMembersBecomeNullAndErrIsFlagged) {
     Tree document(json_decode("{\"slot1\": {\"STATE\": \"SLOT_PRESENT |ERR \"}}"));
     Tree translated(translate_status_document(document.node));
     EXPECT_EQ(encoded(translated.node),
-              "{\"schema_version\":1,\"command\":\"status\",\"chassis\":null,\"log\":[],\"slots\":[{\"slot\":null,"
-              "\"state\":\"SLOT_PRESENT |ERR\",\"exp_event\":null,\"card_type\":null,\"provisioned\":null,"
-              "\"disabled\":null,\"serial_no\":null,\"error\":true,\"up_time\":null,\"log\":[]}]}");
+              "{\"schema_version\":2,\"command\":\"status\",\"chassis\":null,\"log\":[],\"slots\":[{\"slot\":null,"
+              "\"state\":\"SLOT_PRESENT |ERR\",\"awaited_event\":null,\"card_type\":null,\"provisioned\":null,"
+              "\"admin_state\":null,\"serial_no\":null,\"stuck\":true,\"up_time_seconds\":null,\"log\":[]}]}");
+}
+
+TEST(ChmgrctlJson, TheDaemonsNoneIsNull) {
+    Tree document(json_decode("{\"slot2\": {\"SLOT\": 2, \"STATE\": \" \", \"Exp Event\": \"none\","
+                              " \"Card Type\": \"none\", \"Provisioned\": false, \"Disabled\": false,"
+                              " \"Serial No\": \"none\", \"Log\": []}}"));
+    Tree translated(translate_status_document(document.node));
+    EXPECT_EQ(encoded(translated.node),
+              "{\"schema_version\":2,\"command\":\"status\",\"chassis\":null,\"log\":[],\"slots\":[{\"slot\":2,"
+              "\"state\":\"\",\"awaited_event\":null,\"card_type\":null,\"provisioned\":false,"
+              "\"admin_state\":\"enabled\",\"serial_no\":null,\"stuck\":false,\"up_time_seconds\":null,\"log\":[]}]}");
 }
 
 TEST(ChmgrctlJson, OnlyAnObjectIsADocument) {

@@ -160,3 +160,112 @@ TEST(ChmgrctlSlotView, SlotsThatWillNotGoOnByThemselvesAreHeld) {
     EXPECT_TRUE(view_of(slot_json("SLOT_PRESENT | ", "verified", "KTR9600-C4", false, true, "")).held);
     EXPECT_FALSE(view_of(slot_json("SLOT_PRESENT | ", "verified", "KTR9600-C4", false, false, "")).held);
 }
+
+namespace {
+
+std::string daemon_line(const char *level, const char *clock, const char *message, const char *epoch = "1795373698") {
+    return std::string("[") + level + "]" + epoch + ".183763 2026-11-22 " + clock + " file.cpp:12 " + message;
+}
+
+SlotView view_in(const std::string &json, const SlotContext &context) {
+    Tree tree(json_decode(json.c_str()));
+    EXPECT_NE(tree.node, nullptr) << json;
+    SlotView view;
+    build_slot_view(nullptr, tree.node, context, &view);
+    return view;
+}
+
+constexpr const char *kSyncedPowered = "SLOT_PRESENT |SLOT_VERIFIED |SLOT_SYNCED |SLOT_POWERED | ";
+
+}  // namespace
+
+TEST(ChmgrctlSlotView, ParkedSlotNamesTheSlotHoldingTheReload) {
+    std::string log = quoted(ring("INFO", "18:54:58", "Transitioned from 0 to SLOT_PRESENT")) + "," +
+                      quoted(ring("INFO", "18:54:59", "Transitioned to WAIT_RELOAD_PORTD"));
+    SlotContext context;
+    context.daemon_log = {daemon_line("INFO", "18:54:59", "Holding reload because of this slot 1")};
+    EXPECT_EQ(view_in(slot_json(kSyncedPowered, "none", "KTR9600-C16", false, false, log), context).reason,
+              "waiting for the portd reload, held by slot 1");
+    /* An older hold, from before the slot parked, names nobody. */
+    context.daemon_log = {daemon_line("INFO", "18:50:00", "Holding reload because of this slot 6", "1795373000")};
+    EXPECT_EQ(view_in(slot_json(kSyncedPowered, "none", "KTR9600-C16", false, false, log), context).reason,
+              "waiting for the portd reload since 2026-11-22 18:54:59");
+}
+
+TEST(ChmgrctlSlotView, CardWithoutCompatibleIniSaysSoBeforeAndAfterTheStuckVerdict) {
+    std::string log = quoted(ring("INFO", "18:54:58", "Transitioned from 0 to SLOT_PRESENT")) + "," +
+                      quoted(ring("ERR", "18:54:59", "Not able to find compatible INI"));
+    SlotView waiting = view_of(slot_json("SLOT_PRESENT |SLOT_VERIFIED |SLOT_POWERED | ", "synced", "KTR9600-C4",
+                                         false, false, log));
+    EXPECT_EQ(waiting.reason, "no compatible INI for this card");
+    EXPECT_TRUE(waiting.held);
+    SlotView stuck = view_of(slot_json("SLOT_PRESENT |SLOT_VERIFIED |SLOT_POWERED |ERR ", "synced", "KTR9600-C4",
+                                       false, false, log));
+    EXPECT_EQ(stuck.reason, "no compatible INI for this card");
+}
+
+TEST(ChmgrctlSlotView, FailedIniProgrammingIsNamed) {
+    std::string log = quoted(ring("INFO", "18:54:58", "Transitioned from 0 to SLOT_PRESENT")) + "," +
+                      quoted(ring("ERR", "18:54:59", "Unable to apply INI"));
+    EXPECT_EQ(view_of(slot_json("SLOT_PRESENT |SLOT_VERIFIED | ", "powered", "KTR9600-C16", false, false, log)).reason,
+              "INI programming failed for this card");
+}
+
+TEST(ChmgrctlSlotView, StuckWithoutALoggedCauseNamesTheStage) {
+    SlotView view = view_of(slot_json("SLOT_PRESENT |SLOT_VERIFIED |SLOT_POWERED |ERR ", "synced", "KTR9600-C16",
+                                      false, false, ""));
+    EXPECT_EQ(view.reason, "stuck at POWERED after 240 tries");
+}
+
+TEST(ChmgrctlSlotView, DirtyLineAfterTheRendezvousMeansTheReloadFailed) {
+    SlotContext context;
+    context.dirty = 1;
+    context.daemon_log = {daemon_line("ERR", "18:55:01", "process systemctl reload portd exited with 1 error code")};
+    SlotView active = view_in(slot_json(kAllStages, "empty", "KTR9600-C16", false, false, ""), context);
+    EXPECT_EQ(active.oper_state, "Operational");
+    EXPECT_EQ(active.reason, "ports not taken by portd (reload failed at 2026-11-22 18:55:01)");
+    EXPECT_EQ(view_in(slot_json(kSyncedPowered, "ready", "KTR9600-C16", false, false, ""), context).reason,
+              "ports not taken by portd (reload failed at 2026-11-22 18:55:01)");
+    /* Recorded dirty and about to park, or parked: the reload has not run yet. */
+    EXPECT_EQ(view_in(slot_json(kSyncedPowered, "synced", "KTR9600-C16", false, false, ""), context).reason,
+              "waiting for synced");
+    context.dirty = 0;
+    EXPECT_EQ(view_in(slot_json(kAllStages, "empty", "KTR9600-C16", false, false, ""), context).reason, "");
+}
+
+TEST(ChmgrctlSlotView, FailedReloadWhoseLineLeftTheLogTakesTheSlotsOwnReloadTime) {
+    std::string log = quoted(ring("INFO", "18:55:02", "portd reloaded"));
+    SlotContext context;
+    context.dirty = 1;
+    EXPECT_EQ(view_in(slot_json(kAllStages, "empty", "KTR9600-C16", false, false, log), context).reason,
+              "ports not taken by portd (reload failed at 2026-11-22 18:55:02)");
+    EXPECT_EQ(view_in(slot_json(kAllStages, "empty", "KTR9600-C16", false, false, ""), context).reason,
+              "ports not taken by portd (reload failed)");
+}
+
+TEST(ChmgrctlSlotView, FailedPreProvisioningKeepsTheTypeItAskedFor) {
+    std::string log = quoted(ring("INFO", "18:54:58", "Received CTL cmd PRE_PROVISION_ENABLE")) + "," +
+                      quoted(ring("INFO", "18:54:58",
+                                  "INI in slot FW: card type = 0, HW revision fw = 0, Minor fw = 0,: From eeprom card "
+                                  "type = 1"));
+    SlotView view = view_of(slot_json("SLOT_SYNCED | ", "present", "none", true, false, log), 0);
+    EXPECT_EQ(view.provisioned_type, "C4");
+}
+
+TEST(ChmgrctlSlotView, UnsupportedCardHasItsPartNumberField) {
+    std::string log = quoted(ring("INFO", "18:54:58", "Transitioned from 0 to SLOT_PRESENT")) + "," +
+                      quoted(ring("ERR", "18:54:58", "Unsupported line card inserted(vpd_value = KTR9600-X9)"));
+    EXPECT_EQ(view_of(slot_json("SLOT_PRESENT | ", "present", "none", false, false, log)).part_number, "KTR9600-X9");
+    EXPECT_EQ(view_of(slot_json(kAllStages, "empty", "KTR9600-C16", false, false, "")).part_number, "");
+}
+
+TEST(ChmgrctlSlotView, IniFailureBeforeTheLastVerificationIsHistory) {
+    std::string log = quoted(ring("INFO", "18:54:58", "Transitioned from 0 to SLOT_PRESENT")) + "," +
+                      quoted(ring("INFO", "18:54:58", "Transitioned from 1 to SLOT_VERIFIED")) + "," +
+                      quoted(ring("ERR", "18:54:59", "Not able to find compatible INI")) + "," +
+                      quoted(ring("INFO", "18:56:00", "Transitioned from 5 to SLOT_VERIFIED"));
+    EXPECT_EQ(view_of(slot_json("SLOT_PRESENT |SLOT_VERIFIED |SLOT_SYNCED | ", "powered", "KTR9600-C16", false,
+                                false, log))
+                  .reason,
+              "waiting for powered since 2026-11-22 18:56:00");
+}

@@ -569,6 +569,8 @@ TEST_F(CtlAdminTest, UnprovisionWithFailingReloadAnswersSuccessWithTheText) {
     EXPECT_EQ(reply_header().status, 0u);
     EXPECT_EQ(status_str(), padded("reload portd failed"));
     EXPECT_TRUE(contains(normalized_ring(4), slot_line(4, "ERR", "Reload portd failed\n")));
+    /* portd has not taken the change: the slot's line stays dirty. */
+    EXPECT_EQ(root.read(kConf), conf_with(4, conf_line(4, 0, 0, 0, 1, false, false)));
 }
 
 TEST_F(CtlAdminTest, UnprovisionWaitsForTheIniToGoOutOfUse) {
@@ -647,19 +649,37 @@ TEST_F(CtlAdminTest, UnprovisionOfEmptySlotReleasesTheReloadHold) {
     EXPECT_EQ(g_slots_info[2].in_transition_reload_portd, 0);
 }
 
-TEST_F(CtlAdminTest, DisableStopsSupervisionAndReleasesTheReloadHold) {
+TEST_F(CtlAdminTest, DisableKeepsTheAwaitedEventAndReleasesTheReloadHold) {
     slotInfo *slot = &g_slots_info[3];
     slot->current_state = SLOT_PRESENT | SLOT_VERIFIED | SLOT_POWERED;
     slot->in_transition_reload_portd = 1;
     slot->trans_timer.state_monitored = slot_synced_event;
+    slot->trans_timer.transition_timer_hits = TRANSITION_MAX_TRIES;
     put_request(LINECARD_DISABLE, 4);
     run(ctl_linecard_disable);
-    EXPECT_EQ(slot->trans_timer.state_monitored, slot_empty_event);
+    EXPECT_EQ(slot->trans_timer.state_monitored, slot_synced_event);
     EXPECT_EQ(slot->in_transition_reload_portd, 0);
-    /* An expiry now finds nothing awaited: no counting towards "stuck". */
+    /* An expiry stops the supervision: no counting, no stuck verdict. */
     root.event(4, "present", "1");
+    clear_log_rings();
     EXPECT_TRUE(handle_slot_timer_expired(4));
-    EXPECT_EQ(slot->trans_timer.transition_timer_hits, 0);
+    EXPECT_EQ(slot->trans_timer.transition_timer_hits, TRANSITION_MAX_TRIES);
+    EXPECT_EQ(slot->in_err_state, 0);
+    EXPECT_TRUE(ring_lines(4).empty());
+}
+
+TEST_F(CtlAdminTest, EnableRestartsADisabledCardThroughItsPresence) {
+    slotInfo *slot = &g_slots_info[3];
+    slot->current_state = SLOT_PRESENT | SLOT_VERIFIED | SLOT_POWERED | SLOT_SYNCED;
+    slot->card_type = CARD_TYPE_16X100G;
+    slot->trans_timer.state_monitored = slot_ready_event;
+    put_request(LINECARD_DISABLE, 4);
+    run(ctl_linecard_disable);
+    EXPECT_EQ(slot->trans_timer.state_monitored, slot_ready_event);
+    root.event(4, "present", "1");
+    put_request(LINECARD_ENABLE, 4);
+    run(ctl_linecard_enable);
+    EXPECT_EQ(slot->trans_timer.state_monitored, slot_verified_event);
 }
 
 TEST_F(CtlAdminTest, DisabledEmptySlotStillAwaitsACard) {

@@ -474,6 +474,19 @@ TEST_F(IniSelectTest, UnfittingIniWithConfiguredPortsRemovesThemFirst) {
     EXPECT_EQ(slot(3).in_transition_reload_portd, 1);
 }
 
+TEST_F(IniSelectTest, FailedReloadForRemovedPortsLeavesTheLineDirty) {
+    card(3, 3, 2);
+    firmware_ini(3, "1 2 0\n");
+    ship("Buff_KTR9600-C16_INI_EPROM_A.bin", kShippedHeader);
+    cards_conf(conf_line(3, 100, 0, 100, 0, "Online"));
+    root_.write("/standins/systemctl", "#!/bin/sh\nexit 1\n");
+
+    EXPECT_TRUE(check_and_update_ini_for_lc_insert(3));
+    EXPECT_NE(ini_lines().find("[SLOT3] ini_select.cpp:<N> Reloaded portd\n"), std::string::npos);
+    /* portd still has the old ports: the line says so. */
+    EXPECT_EQ(root_.read(kCardsConf), cards_conf_with(conf_line(3, 100, 0, 0, 1)));
+}
+
 TEST_F(IniSelectTest, FourPortCardTakesItsIniFromTheEeprom) {
     card(3, 1, 2);
     ship("Buff_KTR9600-C16_INI_EPROM_A.bin", kShippedHeader);
@@ -590,6 +603,19 @@ TEST_F(IniSelectTest, FailedProgrammingStillSucceedsAndRecordsTheAttempt) {
     EXPECT_EQ(slot(3).ini_info.minor, 5);
     EXPECT_EQ(slot(3).in_transition_reload_portd, 1);
     EXPECT_FALSE(slot(3).current_state & SLOT_SYNCED);
+}
+
+TEST_F(IniSelectTest, FailedProgrammingForANewCardReleasesItsReloadHold) {
+    card(3, 3, 2);
+    slot(3).in_transition_reload_portd = 1;
+    ship("Buff_KTR9600-C16_INI_EPROM_A.bin", kShippedHeader);
+    root_.write("/var/run/ks-sim/faults", "ks_mgmt_slot_ini_operation_set 3\n");
+    cards_conf(conf_line(3, 0, 0, 0, 0));
+
+    EXPECT_TRUE(check_and_update_ini_for_lc_insert(3));
+    EXPECT_NE(console().find("[SLOT3] sdk_ini.cpp:<N> ERR Unable to apply INI\n"), std::string::npos);
+    EXPECT_EQ(slot(3).in_transition_reload_portd, 0);
+    EXPECT_EQ(slot(3).ini_info.hw_revision, 2);
 }
 
 TEST_F(IniSelectTest, MissingCardsConfCountsAsNoConfiguredSpeed) {

@@ -241,7 +241,7 @@ TEST_F(RendezvousTest, SlotWhoseFlagWasClearedDoesNotHold) {
     EXPECT_EQ(g_slots_info[4].trans_timer.state_monitored, slot_verified_event);
 }
 
-TEST_F(RendezvousTest, FailedReloadIsLoggedAndSlotsAreReleasedAnyway) {
+TEST_F(RendezvousTest, FailedReloadIsLoggedAndSlotsAreReleasedWithTheirDirtyBitsKept) {
     root_.write(std::string(kStandinBin) + "/systemctl.exit", "1\n");
     synced_card(3, true);
     synced_card(5, false);
@@ -256,8 +256,22 @@ TEST_F(RendezvousTest, FailedReloadIsLoggedAndSlotsAreReleasedAnyway) {
     EXPECT_EQ(g_slots_info[4].trans_timer.state_monitored, slot_powered_event);
     EXPECT_EQ(g_slots_info[2].in_transition_reload_portd, 0);
     EXPECT_EQ(g_slots_info[4].in_transition_reload_portd, 0);
-    EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), clean_conf());
+    /* portd has not taken the new cards: cards.conf still names them. */
+    EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), new_cards_conf(1));
     EXPECT_EQ(normalized_ring(3), reload_lines(3));
+}
+
+TEST_F(RendezvousTest, NextSuccessfulReloadClearsTheDirtyBitsAFailedOneLeft) {
+    root_.write(std::string(kStandinBin) + "/systemctl.exit", "1\n");
+    synced_card(3, true);
+    EXPECT_TRUE(wait_reload_portd(3));
+    EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), new_cards_conf(1));
+
+    root_.write(std::string(kStandinBin) + "/systemctl.exit", "0\n");
+    g_slots_info[4].in_transition_reload_portd = 0;
+    synced_card(5, true);
+    EXPECT_TRUE(wait_reload_portd(5));
+    EXPECT_EQ(root_.read("/etc/tarnel/cards.conf"), clean_conf());
 }
 
 TEST_F(RendezvousTest, HoldTimerFailureIsLogged) {

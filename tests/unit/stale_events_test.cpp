@@ -107,11 +107,11 @@ TEST_F(StaleEventTest, PoweredEventAfterDisableLeavesThePowerBitClear) {
     /* A disable took the bring-up bits back while the event waited. */
     slot().current_state = SLOT_PRESENT | SLOT_SYNCED;
     slot().disabled = 1;
-    slot().trans_timer.state_monitored = slot_empty_event;
+    slot().trans_timer.state_monitored = slot_ready_event;
 
     EXPECT_TRUE(powered_transition(kSlot));
 
-    expect_untouched(SLOT_PRESENT | SLOT_SYNCED, slot_empty_event);
+    expect_untouched(SLOT_PRESENT | SLOT_SYNCED, slot_ready_event);
 }
 
 TEST_F(StaleEventTest, ReinsertedCardComesUpAfterAStaleVerifiedEvent) {
@@ -164,7 +164,7 @@ TEST_F(StaleEventTest, NewCardReloadsAtOnceAfterAnotherWasPulledBeforeSynced) {
     EXPECT_EQ(g_slots_info[kOther - 1].in_transition_reload_portd, 0);
 }
 
-TEST_F(StaleEventTest, DisabledSlotReleasedWithItsBatchAwaitsNothing) {
+TEST_F(StaleEventTest, DisabledSlotReleasedWithItsBatchAwaitsItsNextStep) {
     constexpr int kOther = 6;
     arriving_card(kSlot);
     slot().current_state |= SLOT_SYNCED;
@@ -176,8 +176,8 @@ TEST_F(StaleEventTest, DisabledSlotReleasedWithItsBatchAwaitsNothing) {
 
     EXPECT_EQ(systemctl_calls(), "reload portd\n");
     EXPECT_EQ(slot().in_transition_reload_portd, 0);
-    EXPECT_EQ(slot().trans_timer.state_monitored, slot_empty_event);
-    EXPECT_FALSE(timer_armed(kSlot));
+    EXPECT_EQ(slot().trans_timer.state_monitored, slot_ready_event);
+    EXPECT_TRUE(timer_armed(kSlot));
     EXPECT_EQ(g_slots_info[kOther - 1].trans_timer.state_monitored, slot_ready_event);
 }
 

@@ -252,20 +252,34 @@ TEST_F(StatusReportTest, BytesThatAreNotUtf8AreShownAsQuestionMarks) {
     EXPECT_NE(text.find("raw ?? bytes\\n\""), std::string::npos) << text;
 }
 
-TEST_F(StatusReportTest, ControlBytesInSerialsAreShownAsQuestionMarks) {
-    slot_serial_set(1, "A\tB\x01" "C\x1f" "D\x7f");
+TEST_F(StatusReportTest, SerialKeepsTheEncoderEscapesAndOnlyUnitSeparatorBecomesQuestionMark) {
+    slot_serial_set(1, "A\tB\x01" "C\x1e" "D\x1f" "E\x7f");
     int length = get_json_obj_for_slots(1);
     std::string text = root.read(kDocument);
     EXPECT_GT(length, 0);
-    EXPECT_NE(text.find("\"Serial No\": \"A?B?C?D?\","), std::string::npos) << text;
+    EXPECT_NE(text.find("\"Serial No\": \"A\\tB\\u0001C\\u001ED?E\x7f\","), std::string::npos) << text;
+    EXPECT_TRUE(json_validate(text.c_str())) << text;
+}
+
+TEST_F(StatusReportTest, EveryControlByteOfASerialBelowUnitSeparatorIsEscaped) {
+    char serial[SERIAL_NO_SIZE] = {};
+    for (int c = 1; c <= 0x1F; ++c) serial[c - 1] = (char)c;
+    slot_serial_set(1, serial);
+    get_json_obj_for_slots(1);
+    std::string text = root.read(kDocument);
+    EXPECT_NE(text.find("\"Serial No\": \"\\u0001\\u0002\\u0003\\u0004\\u0005\\u0006\\u0007\\b\\t\\n"
+                        "\\u000B\\f\\r\\u000E\\u000F\\u0010\\u0011\\u0012\\u0013\\u0014\\u0015\\u0016"
+                        "\\u0017\\u0018\\u0019\\u001A\\u001B\\u001C\\u001D\\u001E?\","),
+              std::string::npos)
+        << text;
     EXPECT_TRUE(json_validate(text.c_str())) << text;
 }
 
 TEST_F(StatusReportTest, ControlCharactersInLogLinesAreEscapedAndUnitSeparatorShownAsQuestionMark) {
-    CM_LOG_SLOT(LOG_LEVEL_INFO, 1, "a\tb\x01" "c\x1f" "d\n");
+    CM_LOG_SLOT(LOG_LEVEL_INFO, 1, "a\tb\x01" "c\x1f" "d\x7f" "e\n");
     get_json_obj_for_slots(1);
     std::string text = root.read(kDocument);
-    EXPECT_NE(text.find("a\\tb\\u0001c?d\\n\""), std::string::npos) << text;
+    EXPECT_NE(text.find("a\\tb\\u0001c?d\x7f" "e\\n\""), std::string::npos) << text;
     EXPECT_TRUE(json_validate(text.c_str())) << text;
 }
 

@@ -235,6 +235,41 @@ TEST_F(SupervisionTest, CountPastTheLimitKeepsReArmingWithoutASecondVerdict) {
     EXPECT_TRUE(normalized_ring(8).empty());
 }
 
+// ---------------------------------------------------------------- a disabled slot
+
+TEST_F(SupervisionTest, DisabledSlotStopsWithoutCountingOrVerdictAtEveryStage) {
+    for (slotEvent stage : {slot_verified_event, slot_synced_event, slot_powered_event, slot_ready_event,
+                            slot_active_event}) {
+        supervise(4, SLOT_PRESENT | SLOT_SYNCED, stage, TRANSITION_MAX_TRIES);
+        g_slots_info[3].disabled = 1;
+        g_slots_info[3].in_transition_reload_portd = 1;
+        disarm(4);
+        EXPECT_TRUE(handle_slot_timer_expired(4)) << stage;
+        EXPECT_EQ(g_slots_info[3].trans_timer.transition_timer_hits, TRANSITION_MAX_TRIES) << stage;
+        EXPECT_EQ(g_slots_info[3].in_err_state, 0) << stage;
+        EXPECT_EQ(g_slots_info[3].in_transition_reload_portd, 1) << stage;
+        EXPECT_EQ(g_slots_info[3].trans_timer.state_monitored, stage);
+        EXPECT_EQ(armed_seconds(4), 0.0) << stage;
+    }
+    EXPECT_TRUE(normalized_ring(4).empty());
+    EXPECT_TRUE(calls().empty());
+}
+
+TEST_F(SupervisionTest, DisabledSlotWhoseAwaitedFileReadsOneStillRunsTheTransition) {
+    supervise(3, SLOT_PRESENT | SLOT_SYNCED, slot_ready_event);
+    g_slots_info[2].disabled = 1;
+    root_.event(3, "ready", "1");
+    EXPECT_TRUE(handle_slot_timer_expired(3));
+    EXPECT_EQ(calls(), (std::vector<Call>{{3, slot_ready_event}}));
+}
+
+TEST_F(SupervisionTest, DisabledEmptySlotIsStillPolledForACard) {
+    g_slots_info[1].trans_timer.state_monitored = slot_present_event;
+    g_slots_info[1].disabled = 1;
+    EXPECT_TRUE(handle_slot_timer_expired(2));
+    EXPECT_GT(armed_seconds(2), 5.0);
+}
+
 // ---------------------------------------------------------------- waiting for a card
 
 TEST_F(SupervisionTest, EmptySlotIsPolledEveryTenSecondsForEverAndNeverStuck) {

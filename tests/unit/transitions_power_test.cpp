@@ -80,6 +80,8 @@ TEST_F(PowerTest, VerifiedCardWithoutUsableIniIsPoweredAnyway) {
     EXPECT_EQ(lines_from(kSlot, "transitions_power.cpp"),
               powering_lines({slot_line(kSlot, "ERR", "transitions_power.cpp",
                                         "Failed to locate and program INI file\n")}));
+    /* It will not reach SYNCED by itself: it holds no other card's reload. */
+    EXPECT_EQ(slot().in_transition_reload_portd, 0);
 }
 
 TEST_F(PowerTest, PowerRequestIsWrittenBeforeTheIniCheck) {
