@@ -303,6 +303,13 @@ extern pthread_mutex_t g_gearbox_update;
 #define LED_COMMAND_LIMIT_SEC 30    /* "echo 255 >> ..." and led_status_state */
 #define POWER_OFF_LIMIT_SEC 30      /* "echo 0 >> .../lcN_pwr" */
 #define QUERY_COMMAND_LIMIT_SEC 30  /* "uname -r" and "ls" of the shipped INI images */
+/* Added to every limit after the clock factor: starting a shell and a tool
+ * takes the same time at any clock factor. */
+#define COMMAND_START_ALLOWANCE_MS 2000
+
+/* The time limit of a command, in nanoseconds: `limit_sec` times the clock
+ * factor, plus the start allowance. */
+int64_t cm_command_limit_ns(uint32_t limit_sec);
 
 /* cm_system()'s result for a command killed at its time limit. */
 #define CM_COMMAND_TIMED_OUT (-2)

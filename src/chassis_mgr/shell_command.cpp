@@ -3,10 +3,11 @@
  * same way: a command that could not be started, or that exited with a
  * non-zero code, is logged with its text.
  *
- * Every command has a time limit (its limit in seconds times the clock
- * factor).  A command still running at its limit is killed with its whole
- * process group, one ERR line names it and the limit, and it counts as
- * failed: a tool that never returns would otherwise hold its slot, and the
+ * Every command has a time limit: its limit in seconds times the clock
+ * factor, plus COMMAND_START_ALLOWANCE_MS that are not scaled (starting a
+ * shell and a tool takes the same time at any clock factor).  A command
+ * still running at its limit is killed with its whole process group, one
+ * ERR line names it and the limit, and it counts as failed: a tool that never returns would otherwise hold its slot, and the
  * worker running it, for ever.  For that the shell starts in a process group
  * of its own; everything else is as system() and popen() do it: "sh -c
  * COMMAND", the daemon's environment and standard streams, no signal
@@ -37,11 +38,6 @@ int64_t monotonic_ns(void) {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return (int64_t)now.tv_sec * 1000000000LL + now.tv_nsec;
-}
-
-int64_t limit_ns(uint32_t limit_sec) {
-    struct timespec limit = env_scaled_period(limit_sec, 0);
-    return (int64_t)limit.tv_sec * 1000000000LL + limit.tv_nsec;
 }
 
 /* Milliseconds left until `deadline_ns`, rounded up (poll's unit). */
@@ -107,9 +103,8 @@ void kill_command(const char *command, pid_t pid, uint32_t limit_sec) {
     int status = 0;
     while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
     }
-    struct timespec limit = env_scaled_period(limit_sec, 0);
     CM_LOG(LOG_LEVEL_ERR, "process %s still running after its time limit of %g s: killed with its process group\n",
-           command, (double)limit.tv_sec + (double)limit.tv_nsec / 1e9);
+           command, (double)cm_command_limit_ns(limit_sec) / 1e9);
 }
 
 /* Reads up to the first line feed (kept) or `size` - 1 bytes, as fgets
@@ -141,8 +136,13 @@ bool read_first_line(int fd, char *line, int size, int64_t deadline_ns) {
 
 }  // namespace
 
+int64_t cm_command_limit_ns(uint32_t limit_sec) {
+    struct timespec limit = env_scaled_period(limit_sec, 0);
+    return (int64_t)limit.tv_sec * 1000000000LL + limit.tv_nsec + COMMAND_START_ALLOWANCE_MS * 1000000LL;
+}
+
 int cm_system(const char *command, uint32_t limit_sec) {
-    int64_t deadline = monotonic_ns() + limit_ns(limit_sec);
+    int64_t deadline = monotonic_ns() + cm_command_limit_ns(limit_sec);
     pid_t pid = 0;
     if (!spawn_shell(command, -1, &pid)) return -1;
     int status = 0;
@@ -152,7 +152,7 @@ int cm_system(const char *command, uint32_t limit_sec) {
 }
 
 bool cm_command_first_line(const char *command, uint32_t limit_sec, char *line, int size) {
-    int64_t deadline = monotonic_ns() + limit_ns(limit_sec);
+    int64_t deadline = monotonic_ns() + cm_command_limit_ns(limit_sec);
     int pipe_fds[2];
     if (pipe2(pipe_fds, O_CLOEXEC) == -1) return false;
     pid_t pid = 0;

@@ -4,11 +4,12 @@
  * ping thread compares the stamps with their limits.  Stamps are relaxed
  * atomics: the ping thread takes no lock that a hung thread could hold.
  *
- * Limits, in seconds before the clock factor.  Each work item may take its
- * own fixed waits and poll counts, the time limits of the commands it runs
- * (shell_command.cpp), and kLockWaitSec for locks held by other threads;
- * then kMarginNs (not scaled) for everything that is neither a wait nor a
- * command: SDK calls, file rewrites, a loaded machine.
+ * Limits.  A work item may take its own fixed waits and poll counts (times
+ * the clock factor), the time limits of the commands it runs (each one its
+ * limit times the clock factor plus the start allowance, shell_command.cpp),
+ * and kLockWait for locks held by other threads; then kMarginNs (not
+ * scaled) for everything that is neither a wait nor a command: SDK calls,
+ * file rewrites, a loaded machine.
  */
 #include "watchdog.h"
 
@@ -20,53 +21,67 @@
 
 namespace {
 
-/* Waiting for locks that other threads hold: the longest control command on
- * one slot (a pre-provisioning: an INI programming and a portd reload, 187 s)
- * and an INI programming of another slot (67 s) that holds cards.conf. */
-constexpr uint32_t kLockWaitSec = 300;
-/* Unscaled, for the work between the waits. */
-constexpr int64_t kMarginNs = 5LL * 1000000000LL;
+/* Fixed waits (seconds before the clock factor) and commands of one piece
+ * of work. */
+struct Budget {
+    uint32_t wait_sec;
+    uint32_t gearbox;    // gearbox tool runs
+    uint32_t systemctl;  // reloads of portd or envd
+    uint32_t led;        // LED commands
+    uint32_t power_off;  // "echo 0 >> lcN_pwr"
+    uint32_t query;      // "uname -r", "ls"
 
-/* Two LED commands (the colour, then led_status_state). */
-constexpr uint32_t kLedSec = 2 * LED_COMMAND_LIMIT_SEC;
+    constexpr Budget operator+(const Budget &o) const {
+        return {wait_sec + o.wait_sec, gearbox + o.gearbox,     systemctl + o.systemctl,
+                led + o.led,           power_off + o.power_off, query + o.query};
+    }
+};
+
+/* The colour command, then led_status_state. */
+constexpr Budget kLed = {0, 0, 0, 2, 0, 0};
 /* An INI programming: "uname -r" and "ls" of the shipped images, 2 s for the
  * APPLY to settle, 5 one-second polls for the INI in use. */
-constexpr uint32_t kIniProgrammingSec = 2 * QUERY_COMMAND_LIMIT_SEC + 2 + 5;
+constexpr Budget kIniProgramming = {2 + 5, 0, 0, 0, 0, 2};
+constexpr Budget kPortdReload = {0, 0, 1, 0, 0, 0};
 /* The ready step: 30 s after the first enable, 15 s after the second, 5 s
  * after the reset, 25 and 5 one-second polls; the gearbox tool of this card
  * and of the three other workers' cards ahead of it (one at a time); the
  * reload of envd. */
-constexpr uint32_t kReadySec =
-    30 + 15 + 5 + 25 + 5 + WORKER_THREAD_COUNT * GEARBOX_TOOL_LIMIT_SEC + SYSTEMCTL_LIMIT_SEC;
+constexpr Budget kReady = {30 + 15 + 5 + 25 + 5, WORKER_THREAD_COUNT, 1, 0, 0, 0};
+/* Waiting for locks other threads hold: the longest control command on one
+ * slot (a pre-provisioning: an INI programming and a portd reload) and an
+ * INI programming of another slot, which holds cards.conf throughout. */
+constexpr Budget kLockWait = kIniProgramming + kPortdReload + kIniProgramming;
+/* Unscaled, for the work between the waits. */
+constexpr int64_t kMarginNs = 5LL * 1000000000LL;
 
-/* Own time of one work item, by event. */
-constexpr uint32_t kItemSec[SLOT_EVENT_COUNT] = {
-    0,                       // slot_empty_event: cards.conf only
-    5 + kLedSec,             // slot_present_event: 5 s retry of the card type, LED when powered
-    1 + kIniProgrammingSec,  // slot_verified_event: 1 s power settle, INI check
-    SYSTEMCTL_LIMIT_SEC,     // slot_synced_event: may reload portd for the batch
-    SYSTEMCTL_LIMIT_SEC,     // slot_wait_reload_portd: may reload portd
-    kLedSec,                 // slot_powered_event: LED orange
-    kReadySec,               // slot_ready_event
-    kLedSec,                 // slot_active_event: LED green
-    kReadySec,               // slot_timeout_event: runs the awaited transition, the ready step at most
-    0,                       // slot_no_event: a log line
+/* Own budget of one work item, by event. */
+constexpr Budget kItem[SLOT_EVENT_COUNT] = {
+    {},                                  // slot_empty_event: cards.conf only
+    Budget{5, 0, 0, 0, 0, 0} + kLed,     // slot_present_event: 5 s card-type retry, LED when powered
+    Budget{1, 0, 0, 0, 0, 0} + kIniProgramming,  // slot_verified_event: 1 s power settle, INI check
+    kPortdReload,                        // slot_synced_event: may reload portd for the batch
+    kPortdReload,                        // slot_wait_reload_portd
+    kLed,                                // slot_powered_event: LED orange
+    kReady,                              // slot_ready_event
+    kLed,                                // slot_active_event: LED green
+    kReady,                              // slot_timeout_event: runs the awaited step, the ready step at most
+    {},                                  // slot_no_event: a log line
 };
 
-/* Own time of one control request on one slot; the slot's mutex may first
- * be held by a work item (kReadySec at most). */
-uint32_t request_own_sec(uint32_t cmd) {
+/* Own budget of one control request on one slot. */
+Budget request_own(uint32_t cmd) {
     switch (cmd) {
     case LINECARD_ENABLE:
-        return kItemSec[slot_present_event];
+        return kItem[slot_present_event];
     case LINECARD_DISABLE:  // power off, 20 one-second polls, reload of envd
-        return POWER_OFF_LIMIT_SEC + 20 + SYSTEMCTL_LIMIT_SEC;
-    case PRE_PROVISION_ENABLE:  // INI programming, reload of portd
-        return kIniProgrammingSec + SYSTEMCTL_LIMIT_SEC;
+        return Budget{20, 0, 1, 0, 1, 0};
+    case PRE_PROVISION_ENABLE:
+        return kIniProgramming + kPortdReload;
     case PRE_PROVISION_DISABLE:  // reload of portd, 30 one-second polls
-        return SYSTEMCTL_LIMIT_SEC + 30;
+        return Budget{30, 0, 1, 0, 0, 0};
     default:  // show and status: no slot mutex, no wait
-        return 0;
+        return {};
     }
 }
 
@@ -75,9 +90,12 @@ bool request_takes_slots(uint32_t cmd) {
            cmd == PRE_PROVISION_DISABLE;
 }
 
-int64_t scaled_ns(uint64_t seconds) {
-    struct timespec period = env_scaled_period((uint32_t)(seconds > UINT32_MAX ? UINT32_MAX : seconds), 0);
-    return (int64_t)period.tv_sec * 1000000000LL + period.tv_nsec;
+int64_t budget_ns(const Budget &b) {
+    struct timespec waits = env_scaled_period(b.wait_sec, 0);
+    return (int64_t)waits.tv_sec * 1000000000LL + waits.tv_nsec +
+           b.gearbox * cm_command_limit_ns(GEARBOX_TOOL_LIMIT_SEC) +
+           b.systemctl * cm_command_limit_ns(SYSTEMCTL_LIMIT_SEC) + b.led * cm_command_limit_ns(LED_COMMAND_LIMIT_SEC) +
+           b.power_off * cm_command_limit_ns(POWER_OFF_LIMIT_SEC) + b.query * cm_command_limit_ns(QUERY_COMMAND_LIMIT_SEC);
 }
 
 /* Something a thread is inside of: since when (0: nothing) and for how long
@@ -175,16 +193,17 @@ int64_t watchdog_now_ns(void) {
 }
 
 int64_t watchdog_item_limit_ns(int event) {
-    uint32_t own = event >= 0 && event < SLOT_EVENT_COUNT ? kItemSec[event] : kReadySec;
-    return scaled_ns((uint64_t)own + kLockWaitSec) + kMarginNs;
+    const Budget &own = event >= 0 && event < SLOT_EVENT_COUNT ? kItem[event] : kReady;
+    return budget_ns(own + kLockWait) + kMarginNs;
 }
 
 int64_t watchdog_request_limit_ns(uint32_t cmd, uint32_t slot_no) {
-    if (!request_takes_slots(cmd)) return scaled_ns(kLockWaitSec) + kMarginNs;
-    /* Slot 255 is served one slot after the other. */
-    uint64_t slots = slot_no == CTL_ALL_SLOTS ? MAX_SLOTS_FOR_9600 : 1;
-    uint64_t per_slot = (uint64_t)kReadySec + kLockWaitSec + request_own_sec(cmd) + kLockWaitSec;
-    return scaled_ns(slots * per_slot) + kMarginNs;
+    if (!request_takes_slots(cmd)) return budget_ns(kLockWait) + kMarginNs;
+    /* Each slot's mutex may first be held by a work item (the ready step at
+     * most, with its own lock waits); slot 255 is served one slot after the
+     * other. */
+    int64_t per_slot = budget_ns(kReady + kLockWait + request_own(cmd) + kLockWait) + kMarginNs;
+    return (slot_no == CTL_ALL_SLOTS ? MAX_SLOTS_FOR_9600 : 1) * per_slot;
 }
 
 int64_t watchdog_main_loop_limit_ns(void) { return kMarginNs; }
