@@ -179,6 +179,19 @@ TEST_F(Watchdog, ReadyStepLimitAddsWaitsCommandsLocksAndMargin) {
     EXPECT_LT(watchdog_item_limit_ns(slot_no_event), watchdog_item_limit_ns(slot_powered_event));
 }
 
+TEST(WatchdogAtFullSpeed, LimitsAsDocumented) {
+    chmgr_test::SandboxRoot root("1");
+    EXPECT_EQ(watchdog_item_limit_ns(slot_ready_event), 959 * kSecond);
+    EXPECT_EQ(watchdog_item_limit_ns(slot_verified_event), 341 * kSecond);
+    EXPECT_EQ(watchdog_item_limit_ns(slot_empty_event), 269 * kSecond);
+    EXPECT_EQ(watchdog_item_limit_ns(slot_synced_event), 391 * kSecond);
+    EXPECT_EQ(watchdog_request_limit_ns(LINECARD_ENABLE, 1), 1292 * kSecond);
+    EXPECT_EQ(watchdog_request_limit_ns(PRE_PROVISION_ENABLE, 1), 1416 * kSecond);
+    EXPECT_EQ(watchdog_request_limit_ns(SHOW_DETAIL, 1), 269 * kSecond);
+    EXPECT_EQ(watchdog_main_loop_limit_ns(), 5 * kSecond);
+    EXPECT_EQ(cm_command_limit_ns(GEARBOX_TOOL_LIMIT_SEC), 122 * kSecond);
+}
+
 TEST_F(Watchdog, AllSlotsRequestGetsEightTimesOneSlot) {
     EXPECT_EQ(watchdog_request_limit_ns(LINECARD_DISABLE, CTL_ALL_SLOTS),
               MAX_SLOTS_FOR_9600 * watchdog_request_limit_ns(LINECARD_DISABLE, 3));
