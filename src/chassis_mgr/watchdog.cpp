@@ -159,6 +159,8 @@ bool overdue(Stamp *stamp, int64_t now_ns, const char *who) {
     return true;
 }
 
+constexpr uint64_t kMinPeriodUsec = 2000;
+constexpr uint64_t kMaxPeriodUsec = 86400ULL * 1000000ULL;
 pthread_t g_watchdog_thread;
 std::atomic<bool> g_watchdog_started{false};
 
@@ -170,7 +172,11 @@ void add_ns(struct timespec *at, int64_t ns) {
 
 /* Pings every half period, on a fixed schedule that never runs early. */
 void *watchdog_thread(void *) {
-    int64_t half_period_ns = (int64_t)(env_watchdog_usec() * 1000 / 2);
+    /* A period below 2 ms would only spin this thread; above a day it is a day. */
+    uint64_t usec = env_watchdog_usec();
+    if (usec < kMinPeriodUsec) usec = kMinPeriodUsec;
+    if (usec > kMaxPeriodUsec) usec = kMaxPeriodUsec;
+    int64_t half_period_ns = (int64_t)(usec * 1000 / 2);
     static constexpr char kPing[] = "WATCHDOG=1";
     struct timespec next;
     clock_gettime(CLOCK_MONOTONIC, &next);
