@@ -8,8 +8,8 @@ import re
 
 import pytest
 
-from conftest import CTL_HEADER, console_records, ctl_exchange, ctl_request, wait_until
-from supervise_support import NotifySocket, bound
+from conftest import CTL_HEADER, console_records, ctl_exchange, ctl_request, timeout_factor, wait_until
+from supervise_support import NotifySocket
 
 SHOW_SUMMARY = 5
 SCALE = 0.001
@@ -80,14 +80,15 @@ def test_status_names_disabled_and_refused_slots(sandbox, daemon, notify):
 def test_watchdog_pings_every_half_period(sandbox, daemon, notify):
     period_usec = 200000
     daemon.start(scale=SCALE, env=notify.env(watchdog_usec=period_usec))
-    notify.wait_pings(6)
+    notify.wait_pings(11, timeout=20)
     texts = notify.texts()
     assert texts[0].startswith("READY=1\n")  # no ping before start-up is over
-    times = notify.ping_times()
+    times = notify.ping_times()[-11:]
     half = period_usec / 2 / 1e6
-    # Never early (a late ping is a loaded machine, which systemd tolerates up to the full period).
-    gaps = [b - a for a, b in zip(times, times[1:])]
-    assert min(gaps) > half * 0.8, gaps
+    # The pings keep a fixed schedule: a late one (a loaded machine) never
+    # makes the average faster than every half period.
+    average = (times[-1] - times[0]) / 10
+    assert half * 0.8 <= average <= half * 1.5 * timeout_factor(), times
 
 
 def test_watchdog_for_another_process_sends_no_ping(sandbox, daemon, notify):
