@@ -11,8 +11,10 @@
 #include "ks_sim.h"
 #include "sim_state.h"
 
+#include <chrono>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace ks_sim;
@@ -61,6 +63,31 @@ void record_call(std::string line, bool faulted)
 std::string slot_call(const char *call, unsigned slot)
 {
     return std::string(call) + " slot=" + std::to_string(slot);
+}
+
+// How often a blocked call looks whether it may go on.
+constexpr std::chrono::milliseconds kBlockedPoll{5};
+
+// A call listed in `blocked` (same lines as `faults`) waits, before it does
+// anything, until its line (or the file) is gone, like an SDK call that never
+// returns.  It logs "CALL slot=N -> blocked" once when it starts waiting, and
+// its usual line when it goes on.  The simulator's lock is not held while it
+// waits, so other calls go on.
+void wait_while_blocked(const char *call, unsigned slot)
+{
+    bool logged = false;
+    for (;;) {
+        {
+            Guard guard(api_mutex());
+            std::string blocked;
+            if (!read_file(state_path("blocked"), blocked) || !fault_listed(blocked, call, slot))
+                return;
+            if (!logged)
+                record_call((slot ? slot_call(call, slot) : std::string(call)) + " -> blocked", false);
+            logged = true;
+        }
+        std::this_thread::sleep_for(kBlockedPoll);
+    }
 }
 
 // ---- per-slot state ----
@@ -379,6 +406,7 @@ extern "C" ks_status_t ks_api_open(ks_log_cb_t log_cb, ks_api_handle_t *handle)
     (void)log_cb; // diagnostics go to standard error
     if (handle == nullptr)
         return KS_STATUS_FAILURE;
+    wait_while_blocked(kCallOpen, 0);
     Guard guard(api_mutex());
     const bool faulted = fault_injected(kCallOpen, 0);
     record_call(kCallOpen, faulted);
@@ -394,6 +422,8 @@ extern "C" ks_status_t ks_mgmt_slot_info_get(ks_api_handle_t handle,
     (void)handle;
     if (slot_id_list == nullptr || slot_info_list == nullptr || list_size == nullptr)
         return KS_STATUS_FAILURE;
+    for (uint32_t i = 0; i < *list_size; ++i)
+        wait_while_blocked(kCallSlotInfo, slot_id_list[i]);
     Guard guard(api_mutex());
     bool all_ok = true;
     for (uint32_t i = 0; i < *list_size; ++i)
@@ -413,6 +443,7 @@ extern "C" ks_status_t ks_mgmt_slot_control_set(ks_api_handle_t handle, ks_slot_
     std::memcpy(&operation, &control_info->operation, sizeof operation);
     const char *name = control_operation_name(operation);
 
+    wait_while_blocked(kCallControl, slot_id);
     Guard guard(api_mutex());
     const bool faulted = fault_injected(kCallControl, slot_id);
     record_call(slot_call(kCallControl, slot_id) + operation_text(name, operation), faulted);
@@ -431,6 +462,7 @@ extern "C" ks_status_t ks_mgmt_slot_ini_operation_set(ks_api_handle_t handle,
     const int op = static_cast<int>(operation);
     const char *name = ini_operation_name(op);
 
+    wait_while_blocked(kCallIniOperation, slot_id);
     Guard guard(api_mutex());
     const bool faulted = fault_injected(kCallIniOperation, slot_id);
     record_call(slot_call(kCallIniOperation, slot_id) + operation_text(name, op), faulted);
@@ -466,6 +498,7 @@ extern "C" ks_status_t ks_mgmt_slot_ini_data_set(ks_api_handle_t handle, ks_slot
     const uint32_t size = ini_data->ini_data_size;
     const bool last = ini_data->is_last_chunk != 0;
 
+    wait_while_blocked(kCallIniData, slot_id);
     Guard guard(api_mutex());
     const bool faulted = fault_injected(kCallIniData, slot_id);
     record_call(slot_call(kCallIniData, slot_id) + " size=" + std::to_string(size) +
@@ -502,6 +535,7 @@ extern "C" ks_status_t ks_api_port_device_mapping_get(ks_api_handle_t handle,
     (void)handle;
     if (port_attr_list == nullptr || port_cnt == nullptr)
         return KS_STATUS_FAILURE;
+    wait_while_blocked(kCallPortMapping, 0);
     Guard guard(api_mutex());
     const bool faulted = fault_injected(kCallPortMapping, 0);
     record_call(std::string(kCallPortMapping) + " device=" + std::to_string(device_id), faulted);
@@ -531,6 +565,7 @@ extern "C" ks_status_t ks_mgmt_phy_module_split_get(ks_api_handle_t handle,
     const unsigned slot = module_id->slot_id;
     const unsigned module = module_id->module_id;
 
+    wait_while_blocked(kCallModuleSplit, slot);
     Guard guard(api_mutex());
     const bool faulted = fault_injected(kCallModuleSplit, slot);
     record_call(slot_call(kCallModuleSplit, slot) + " module=" + std::to_string(module) +

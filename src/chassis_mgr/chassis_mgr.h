@@ -295,11 +295,39 @@ extern pthread_mutex_t g_gearbox_update;
 /* Shell commands                                                      */
 /* ------------------------------------------------------------------ */
 
-/* Runs `command` through the shell; returns system()'s raw status. */
-int cm_system(const char *command);
+/* Time limits of the outside commands, in seconds before the clock factor:
+ * far above what each takes on the switch, so that only a command that
+ * hangs ever reaches its limit. */
+#define GEARBOX_TOOL_LIMIT_SEC 120  /* the gearbox firmware tool */
+#define SYSTEMCTL_LIMIT_SEC 120     /* systemctl reload portd / envd */
+#define LED_COMMAND_LIMIT_SEC 30    /* "echo 255 >> ..." and led_status_state */
+#define POWER_OFF_LIMIT_SEC 30      /* "echo 0 >> .../lcN_pwr" */
+#define QUERY_COMMAND_LIMIT_SEC 30  /* "uname -r" and "ls" of the shipped INI images */
+/* Added to every limit after the clock factor: starting a shell and a tool
+ * takes the same time at any clock factor. */
+#define COMMAND_START_ALLOWANCE_MS 2000
+
+/* The time limit of a command, in nanoseconds: `limit_sec` times the clock
+ * factor, plus the start allowance. */
+int64_t cm_command_limit_ns(uint32_t limit_sec);
+
+/* cm_system()'s result for a command killed at its time limit. */
+#define CM_COMMAND_TIMED_OUT (-2)
+
+/* Runs `command` through the shell with a time limit; returns its wait
+ * status as system() does (-1 when it cannot be started), or
+ * CM_COMMAND_TIMED_OUT when it was killed at its limit (with its process
+ * group, and logged). */
+int cm_system(const char *command, uint32_t limit_sec);
+/* Runs `command` through the shell with a time limit and reads the first
+ * line of its output into `line` (as fgets reads it: the line feed kept,
+ * at most size - 1 bytes; empty when it prints nothing).  False when it
+ * cannot be started or was killed at its limit. */
+bool cm_command_first_line(const char *command, uint32_t limit_sec, char *line, int size);
 /* Judges a status of cm_system(): logs "Unable to launch %s" for -1 and
  * "process %s exited with %d error code" for a non-zero exit; true when
- * the command ran and exited with 0 (or was ended by a signal). */
+ * the command ran and exited with 0 (or was ended by a signal).  A command
+ * killed at its limit is a failure (its line is logged already). */
 bool cm_command_succeeded(const char *command, int status);
 
 /* ------------------------------------------------------------------ */

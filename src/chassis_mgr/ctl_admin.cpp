@@ -193,7 +193,7 @@ bool set_linecard_disable(int slot_id, bool disable) {
     int built = snprintf(command, sizeof command, "echo 0 >> %s", path);
     /* A cut command is never run (it cannot happen with a root of at most
      * 200 characters); it is judged as one that could not be launched. */
-    int status = built >= 0 && (size_t)built < sizeof command ? cm_system(command) : -1;
+    int status = built >= 0 && (size_t)built < sizeof command ? cm_system(command, POWER_OFF_LIMIT_SEC) : -1;
 
     bool unready = wait_unready(slot_id);
     invoke_reload_envd();

@@ -19,6 +19,8 @@
 
 #include "chassis_mgr.h"
 #include "ctl_connections.h"
+#include "notify.h"
+#include "watchdog.h"
 
 alignas(8) unsigned char g_ctl_resp_buf[CTL_BUF_SIZE];
 debugCmdRespSlotState g_ctl_debug_cmd_resp;
@@ -168,7 +170,9 @@ void ctl_set_failure(unsigned char *msg, const char *text) {
 }
 
 bool ctl_handle_request(ctlReply *reply) {
-    uint32_t cmd = ctl_header_of(g_ctl_resp_buf).cmd;
+    ctlCmdHeader header = ctl_header_of(g_ctl_resp_buf);
+    uint32_t cmd = header.cmd;
+    ControlRequestStamp stamp(cmd, header.slot_no);  // watched by the watchdog until it returns
     for (const CommandEntry &entry : kCommands) {
         if (entry.cmd == cmd) return entry.handler(reply);
     }
@@ -177,7 +181,10 @@ bool ctl_handle_request(ctlReply *reply) {
 
 void *ctl_thread(void *) {
     int listen_fd = -1;
-    if (!ctl_socket_setup(&listen_fd)) return nullptr;
+    bool listening = ctl_socket_setup(&listen_fd);
+    /* Start-up is over for this thread: without a socket the daemon goes on. */
+    notify_control_socket_ready();
+    if (!listening) return nullptr;
     g_ctl_sock_fd = listen_fd;
     ctl_conns_init(&g_connections);
 

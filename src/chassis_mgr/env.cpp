@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <string_view>
@@ -17,6 +18,10 @@ double g_time_scale = 1.0;
 bool g_journal_stream_set = false;
 dev_t g_journal_dev = 0;
 ino_t g_journal_ino = 0;
+/* sun_path holds 108 bytes, the terminator included. */
+constexpr size_t kNotifySocketMax = 107;
+char g_notify_socket[kNotifySocketMax + 1];
+uint64_t g_watchdog_usec = 0;
 
 /* A root ends up inside shell commands ("echo 255 >> PATH"), so only
  * characters that need no quoting are accepted. */
@@ -87,6 +92,29 @@ bool env_journal_stream(dev_t *dev, ino_t *ino) {
     return true;
 }
 
+void env_configure_supervision(const char *notify_socket, const char *watchdog_usec, const char *watchdog_pid,
+                               pid_t self) {
+    g_notify_socket[0] = '\0';
+    g_watchdog_usec = 0;
+    std::string_view socket_name = notify_socket ? notify_socket : "";
+    if (socket_name.size() < 2 || socket_name.size() > kNotifySocketMax) return;
+    if (socket_name[0] != '/' && socket_name[0] != '@') return;
+    memcpy(g_notify_socket, socket_name.data(), socket_name.size());
+    g_notify_socket[socket_name.size()] = '\0';
+
+    uint64_t usec = 0;
+    if (!parse_decimal(std::string_view(watchdog_usec ? watchdog_usec : ""), &usec) || usec == 0) return;
+    std::string_view pid_text = watchdog_pid ? watchdog_pid : "";
+    uint64_t pid = 0;
+    /* A watchdog meant for another process (the one that started this one). */
+    if (!pid_text.empty() && (!parse_decimal(pid_text, &pid) || pid != (uint64_t)self)) return;
+    g_watchdog_usec = usec;
+}
+
+const char *env_notify_socket(void) { return g_notify_socket; }
+
+uint64_t env_watchdog_usec(void) { return g_watchdog_usec; }
+
 bool env_configure(const char *root, const char *time_scale, char *err, size_t err_size) {
     std::string_view root_text = root ? root : "";
     /* A trailing '/' would double the separator in every path. */
@@ -110,6 +138,11 @@ bool env_init(void) {
         return false;
     }
     env_configure_journal_stream(getenv("JOURNAL_STREAM"));
+    env_configure_supervision(getenv("NOTIFY_SOCKET"), getenv("WATCHDOG_USEC"), getenv("WATCHDOG_PID"), getpid());
+    /* Reports come from the daemon alone, never from a command it runs. */
+    unsetenv("NOTIFY_SOCKET");
+    unsetenv("WATCHDOG_USEC");
+    unsetenv("WATCHDOG_PID");
     return true;
 }
 

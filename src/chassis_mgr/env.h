@@ -9,6 +9,12 @@
  * connected to the journal, names that stream; the console then marks each
  * line with its priority.
  *
+ * NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID, set by the service manager
+ * for a service that reports its own readiness, name the datagram socket
+ * that takes those reports and the watchdog period (notify.cpp,
+ * watchdog.cpp).  They are taken out of the environment once read, so the
+ * commands the daemon runs never report in its name.
+ *
  * The variables are read once, by env_init() at start-up; nothing else in
  * the daemon reads the environment.
  */
@@ -43,6 +49,20 @@ void env_configure_journal_stream(const char *text);
 
 /* Device and inode of the journal stream; false when there is none. */
 bool env_journal_stream(dev_t *dev, ino_t *ino);
+
+/* Takes NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID as texts (null or
+ * empty: unset) for the process `self`.  A socket name longer than a Unix
+ * socket address holds, a period that is not a positive decimal number of
+ * microseconds, or a WATCHDOG_PID naming another process leave that part
+ * off.  env_init() uses it; unit tests call it directly. */
+void env_configure_supervision(const char *notify_socket, const char *watchdog_usec, const char *watchdog_pid,
+                               pid_t self);
+
+/* The service manager's notification socket ("" when none): a path, or
+ * "@name" for an abstract socket. */
+const char *env_notify_socket(void);
+/* The watchdog period in microseconds; 0 when there is no watchdog. */
+uint64_t env_watchdog_usec(void);
 
 /* The root ("" when none). */
 const char *env_root(void);

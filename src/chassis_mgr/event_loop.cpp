@@ -16,6 +16,7 @@
 
 #include "chassis_mgr.h"
 #include "event_watches.h"
+#include "watchdog.h"
 
 int g_ifd[MAX_SLOTS_FOR_9600];
 int g_wd_present[MAX_SLOTS_FOR_9600];
@@ -143,6 +144,7 @@ void run_main_loop(void) {
             CM_LOG(LOG_LEVEL_ERR, "poll() error exiting\n");
             exit(1);
         }
+        MainLoopStamp busy;  // watched by the watchdog until the next poll
         retry_events_dir();
         handle_poll_results(fd_set);
     }

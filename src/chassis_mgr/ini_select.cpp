@@ -28,13 +28,10 @@ constexpr int EEPROM_VALUE_SIZE = 128;
 
 /* Reads the first line of `command`'s output into `line` (empty when the
  * command prints nothing) and drops its last character, the line feed.
- * False when the pipe cannot be started. */
+ * False when the pipe cannot be started, or the command was killed at its
+ * time limit. */
 bool read_command_line(const char *command, char *line, int size) {
-    FILE *pipe = popen(command, "re");
-    if (!pipe) return false;
-    line[0] = '\0';
-    if (!fgets(line, size, pipe)) line[0] = '\0';
-    pclose(pipe);
+    if (!cm_command_first_line(command, QUERY_COMMAND_LIMIT_SEC, line, size)) return false;
     size_t length = strlen(line);
     if (length > 0) line[length - 1] = '\0';
     return true;

@@ -121,7 +121,9 @@ bool wait_reload_portd(int slot_id) {
     return true;
 }
 
-static bool run_systemctl(const char *command) { return cm_command_succeeded(command, cm_system(command)); }
+static bool run_systemctl(const char *command) {
+    return cm_command_succeeded(command, cm_system(command, SYSTEMCTL_LIMIT_SEC));
+}
 
 bool invoke_reload_portd(void) { return run_systemctl("systemctl reload portd"); }
 

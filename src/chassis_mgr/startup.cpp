@@ -15,6 +15,7 @@
 #include "chassis_mgr.h"
 #include "event_watches.h"
 #include "chmgr_sdk.h"
+#include "notify.h"
 
 int g_emul_flag = 0;
 char version[] = CHMGR_VERSION_TEXT;
@@ -130,6 +131,8 @@ bool start_worker_pool(void) {
 /* Slots whose event files could not be read at start-up: they get their
  * start-up state once the files are back (give_late_start_state). */
 relaxed<int> g_start_state_pending[MAX_SLOTS_FOR_9600];
+/* Whether the control thread runs: start-up waits for its socket only then. */
+bool g_ctl_thread_started = false;
 
 /* Gives each slot its start-up state: an empty slot is polled for a card
  * every 10 s; a present card goes through detection at once, here on the
@@ -206,10 +209,12 @@ bool init_slots(void) {
     recover_port_list();
     update_info_from_cards_conf();
     if (!init_slot_states()) return false;
-    if (pthread_create(&g_ctl_thread_id, nullptr, ctl_thread, nullptr) < 0) {
+    int created = pthread_create(&g_ctl_thread_id, nullptr, ctl_thread, nullptr);
+    if (created < 0) {
         CM_LOG(LOG_LEVEL_ERR, "Unable to create debug thread\n");  // same text as the debug thread's
         return false;
     }
+    g_ctl_thread_started = created == 0;
     /* g_cards_conf_mutex and g_gearbox_update are statically initialised and
      * valid from process start.  They are not initialised again here: the
      * control thread is already serving and may hold g_cards_conf_mutex, and
@@ -240,7 +245,11 @@ int chassis_mgr_main(int argc, char **argv) {
     }
     if (!write_pid(pid_fd, pid_path)) return EXIT_HALT;
 
+    notify_init();
     init_slots();  // whatever it managed to set up, the loop runs
+    /* Without a control thread there is no socket to wait for. */
+    if (!g_ctl_thread_started) notify_control_socket_ready();
     init_inotify_events();
+    notify_startup_done();
     run_main_loop();
 }

@@ -18,7 +18,7 @@
  * short by its buffer is not run and counts as not launched. */
 static int run_if_whole(const char *command, size_t size, int built) {
     if (built < 0 || (size_t)built >= size) return -1;
-    return cm_system(command);
+    return cm_system(command, LED_COMMAND_LIMIT_SEC);
 }
 
 int set_led_color(int slot_id, int led_value) {
@@ -42,7 +42,7 @@ int set_led_color(int slot_id, int led_value) {
     /* The state file is the whole command line. */
     char state_file[CM_PATH_SIZE];
     env_path(state_file, sizeof state_file, LED_DIR_FMT "led_status_state", slot_id);
-    if (!cm_command_succeeded(state_file, cm_system(state_file))) return 0;
+    if (!cm_command_succeeded(state_file, cm_system(state_file, LED_COMMAND_LIMIT_SEC))) return 0;
     return 1;
 }
 

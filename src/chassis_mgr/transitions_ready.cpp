@@ -12,6 +12,7 @@
 #include <stdio.h>
 
 #include "chassis_mgr.h"
+#include "notify.h"
 #include "chmgr_sdk.h"
 
 namespace {
@@ -52,7 +53,7 @@ void update_gearbox(int slot_id) {
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Updating gearbox\n");
     /* A command cut short by its buffer is not run: it counts as not launched. */
     bool whole = built >= 0 && (size_t)built < sizeof command;
-    cm_command_succeeded(command, whole ? cm_system(command) : -1);
+    cm_command_succeeded(command, whole ? cm_system(command, GEARBOX_TOOL_LIMIT_SEC) : -1);
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "gearbox update done\n");
 }
 
@@ -125,6 +126,7 @@ bool ready_transition(int slot_id) {
     CM_LOG_SLOT(LOG_LEVEL_INFO, slot_id, "Transitioned from %d to SLOT_READY\n", (int)slot->current_state);
     /* Set before the long work, so that a repeated ready event only re-arms. */
     slot->current_state |= SLOT_READY;
+    notify_status_refresh();  // the step takes a minute: show it now
     bring_card_up(slot_id);
 
     if (!await_slot_event(slot_id, slot_active_event, STEP_PERIOD_SECONDS)) {

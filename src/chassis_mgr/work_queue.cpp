@@ -22,6 +22,7 @@
 #include <stdlib.h>
 
 #include "chassis_mgr.h"
+#include "watchdog.h"
 
 eventWorkQue g_event_work_que = {nullptr, nullptr, 0, PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, {}};
 
@@ -107,6 +108,7 @@ int run_work(const eventWork *work) {
         CM_LOG(LOG_LEVEL_ERR, "Dropping work item for slot %d event %d\n", work->slot_id, (int)work->event);
         return 0;
     }
+    WorkItemStamp stamp(work->slot_id, work->event);  // watched by the watchdog until it returns
     pthread_mutex_t *slot_mutex = &g_slots_info[work->slot_id - 1].mutex;
     pthread_mutex_lock(slot_mutex);
     g_transition_table[work->event].fn_transition(work->slot_id);  // the result is not used
