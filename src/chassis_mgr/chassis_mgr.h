@@ -496,6 +496,9 @@ void *ctl_thread(void *arg);
 bool pre_provision_cmd(ctlPreProvisionCmd *pprovision_cmd);
 bool set_linecard_disable(int slot_id, bool disable);
 int get_json_obj_for_slots(int slot_id);
+/* The status document's text for `slot_id` (as get_json_obj_for_slots
+ * writes it), allocated; the caller frees it. */
+char *status_document_text(int slot_id);
 void *debug_thread(void *arg);
 
 /* The listening control socket, -1 until set up (never closed). */
