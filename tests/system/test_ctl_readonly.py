@@ -254,3 +254,61 @@ def test_another_user_reaches_the_read_only_socket_alone(reachable):
         assert (result.stdout, result.stderr) == ("chassismgr denied\nchassismgr-ro 1024 0\n", "")
     finally:
         factory.close()
+
+
+def run_chmgrctl_as_nobody(sandbox, *args):
+    from chmgrctl_support import chmgrctl
+    return chmgrctl(sandbox, *args, preexec_fn=run_as_nobody)
+
+
+def test_chmgrctl_reads_through_the_read_only_socket_when_the_control_socket_is_closed(reachable):
+    if os.geteuid() != 0:
+        pytest.skip("needs root to run the client as another user")
+    from conftest import DaemonFactory
+    factory = DaemonFactory(reachable)
+    try:
+        handle = factory.start()
+        wait_until(lambda: reachable.path(SOCKET_RELPATH).exists(), what="the control socket")
+        shown = run_chmgrctl_as_nobody(reachable, "--verbose", "show", "3")
+        readonly = reachable.path(READONLY_SOCKET_RELPATH)
+        assert (shown.returncode, shown.stderr) == (0, f"chmgrctl: using the read-only socket {readonly}\n")
+        assert "3" in shown.stdout and "Empty" in shown.stdout
+        status = run_chmgrctl_as_nobody(reachable, "status", "2", "--json")
+        assert (status.returncode, status.stderr) == (0, "")
+        assert json.loads(status.stdout)["slots"][0]["slot"] == 2
+
+        refused = run_chmgrctl_as_nobody(reachable, "--verbose", "disable", "1")
+        control = reachable.path(SOCKET_RELPATH)
+        assert refused.returncode == 3
+        assert refused.stderr == (
+            f"chmgrctl: using the control socket {control}\n"
+            f"chmgrctl: cannot connect to chassis-mgr at {control}: Permission denied\n"
+            "chmgrctl: only root and the members of the group 'chassismgr' may use the control socket;\n"
+            "chmgrctl: an administrator adds you with 'adduser nobody chassismgr' (it takes effect at your next "
+            "login)\n")
+        assert [line for line in console_lines(handle) if "CTL" in line] == []
+    finally:
+        factory.close()
+
+
+def test_chmgrctl_says_which_socket_it_used(sandbox, daemon):
+    from chmgrctl_support import chmgrctl
+    handle = start_listening(sandbox, daemon)
+    control = sandbox.path(SOCKET_RELPATH)
+    readonly = sandbox.path(READONLY_SOCKET_RELPATH)
+    shown = chmgrctl(sandbox, "-v", "show")
+    assert (shown.returncode, shown.stderr) == (0, f"chmgrctl: using the control socket {control}\n")
+    watched = chmgrctl(sandbox, "--verbose", "watch", "--timeout", "0.3", "--interval", "0.05")
+    assert watched.stderr == f"chmgrctl: using the read-only socket {readonly}\n"
+    quiet = chmgrctl(sandbox, "show")
+    assert (quiet.returncode, quiet.stderr) == (0, "")
+
+
+def test_watch_leaves_the_rings_alone(sandbox, daemon):
+    from chmgrctl_support import chmgrctl
+    handle = start_listening(sandbox, daemon)
+    ring_before = json.loads(ro_exchange(sandbox, ctl_request(DEBUG_SLOT, 255))[24:])["Log"]
+    chmgrctl(sandbox, "watch", "--timeout", "0.5", "--interval", "0.02")
+    ring_after = json.loads(ro_exchange(sandbox, ctl_request(DEBUG_SLOT, 255))[24:])["Log"]
+    assert ring_after == ring_before
+    assert [line for line in console_lines(handle) if "CTL" in line] == []
