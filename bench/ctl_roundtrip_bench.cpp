@@ -2,7 +2,9 @@
  * Control socket round trips: SHOW_SUMMARY and DEBUG_SLOT for all slots,
  * 10,000 requests each, from a client in this process to ctl_thread running
  * in this process on a sandbox root (console lines go to /dev/null; the log
- * rings are written as in the daemon).  Beside them, in the same run, a bare
+ * rings are written as in the daemon); the same two on the read-only socket
+ * (no log line, the status document built in memory instead of rewritten
+ * and flushed).  Beside them, in the same run, a bare
  * Unix-socket accept loop that receives 24 bytes and answers 1,024 with no
  * work at all: the ceiling of one-connection-per-request serving.
  *
@@ -30,6 +32,7 @@
 #include <vector>
 
 #include "chassis_mgr.h"
+#include "ctl_serving.h"
 #include "ks_sim.h"
 
 namespace {
@@ -171,9 +174,19 @@ void BM_DebugSlotAllSlots(benchmark::State &state) {
     run_round_trips(state, g_root + "/run/chassismgr/chassismgr", DEBUG_SLOT, 1000);
 }
 
+void BM_ShowSummaryAllSlotsReadonly(benchmark::State &state) {
+    run_round_trips(state, g_root + "/run/chassismgr/chassismgr-ro", SHOW_SUMMARY, CTL_BUF_SIZE);
+}
+
+void BM_DebugSlotAllSlotsReadonly(benchmark::State &state) {
+    run_round_trips(state, g_root + "/run/chassismgr/chassismgr-ro", DEBUG_SLOT, 1000);
+}
+
 BENCHMARK(BM_BareAcceptLoop)->Iterations(kRequests)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ShowSummaryAllSlots)->Iterations(kRequests)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_DebugSlotAllSlots)->Iterations(kRequests)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ShowSummaryAllSlotsReadonly)->Iterations(kRequests)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_DebugSlotAllSlotsReadonly)->Iterations(kRequests)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

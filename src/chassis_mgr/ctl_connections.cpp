@@ -114,13 +114,13 @@ void ctl_conns_init_over(CtlConnectionTable *table, const unsigned char *under) 
     table->next_ready = 0;
 }
 
-void ctl_conns_add(CtlConnectionTable *table, int fd, int64_t now_ms) {
+int ctl_conns_add(CtlConnectionTable *table, int fd, int64_t now_ms) {
     int index = free_entry(table);
     if (index == -1) {
         index = oldest_waiting(table);
         if (index == -1) {  // every held request is complete and waiting: refuse the newcomer
             close(fd);
-            return;
+            return -1;
         }
         ctl_conns_close(table, index);
     }
@@ -130,6 +130,7 @@ void ctl_conns_add(CtlConnectionTable *table, int fd, int64_t now_ms) {
     conn->phase = CTL_CONN_WAIT_FIRST;
     conn->arrival = table->next_arrival++;
     conn->deadline_ms = now_ms + kCtlReceiveLimitMs;
+    return index;
 }
 
 int ctl_conns_poll_set(const CtlConnectionTable *table, struct pollfd *fds, int *index_of) {

@@ -55,8 +55,10 @@ struct CtlConnectionTable {
  * or over `under`. */
 void ctl_conns_init(CtlConnectionTable *table);
 void ctl_conns_init_over(CtlConnectionTable *table, const unsigned char *under);
-/* Takes ownership of fd; evicts the oldest waiting connection when full. */
-void ctl_conns_add(CtlConnectionTable *table, int fd, int64_t now_ms);
+/* Takes ownership of fd; evicts the oldest waiting connection when full.
+ * Returns the new connection's index, or -1 when it was refused (every
+ * held request complete and waiting: fd is closed). */
+int ctl_conns_add(CtlConnectionTable *table, int fd, int64_t now_ms);
 /* Fills fds with the connections still receiving; index_of[i] is the table
  * index of fds[i].  Returns the count. */
 int ctl_conns_poll_set(const CtlConnectionTable *table, struct pollfd *fds, int *index_of);

@@ -204,19 +204,24 @@ void log_receipt(CtlReceipt receipt) {
     if (receipt == CTL_RECEIVED_SPLIT) CM_LOG(LOG_LEVEL_INFO, "We have TCP packets that are split\n");
 }
 
-/* False when accept failed. */
-bool accept_connection(int listen_fd, CtlConnectionTable *table) {
+/* False when accept failed.  A client sends its request right after
+ * connecting, so it is usually there already: it is received at once,
+ * which spares a wake-up of the thread per connection. */
+bool accept_connection(int listen_fd, CtlConnectionTable *table, bool logged) {
     int client = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (client == -1) return false;
-    set_send_timeout(client);
-    ctl_conns_add(table, client, ctl_monotonic_ms());
+    int64_t now = ctl_monotonic_ms();
+    int index = ctl_conns_add(table, client, now);
+    if (index == -1) return true;
+    CtlReceipt receipt = ctl_conns_receive(table, index, now);
+    if (logged) log_receipt(receipt);
     return true;
 }
 
 /* The read-only socket failing to accept ends that socket only; a failure
  * that passes (a client gone before its turn, a signal) changes nothing. */
 void accept_readonly(Serving *serving) {
-    if (accept_connection(serving->readonly_fd, &serving->readonly)) return;
+    if (accept_connection(serving->readonly_fd, &serving->readonly, false)) return;
     if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
     CM_LOG(LOG_LEVEL_ERR, "Read-only socket accept() call failed: %s\n", strerror(errno));
     serving->readonly_fd = -1;
@@ -247,9 +252,9 @@ void take_in(CtlConnectionTable *table, const struct pollfd *fds, const int *ind
 }
 
 /* Waits for a new connection, request bytes, the end of a command or the
- * nearest receive limit, and takes in what arrived.  False when accept
- * failed on the control socket. */
-bool receive_round(Serving *serving) {
+ * nearest receive limit, takes in what arrived and serves what can be
+ * served.  False when accept failed on the control socket. */
+bool serve_round(Serving *serving) {
     struct pollfd fds[kFixedEntries + 2 * kCtlMaxConnections];
     int control_of[kCtlMaxConnections];
     int readonly_of[kCtlMaxConnections];
@@ -262,15 +267,20 @@ bool receive_round(Serving *serving) {
     int timeout = poll_timeout(*serving, ctl_monotonic_ms());
     if (poll(fds, (nfds_t)(kFixedEntries + control_held + readonly_held), timeout) < 0) return true;
 
+    /* One guard for all the console lines of the round; this thread never
+     * starts a program (administration commands run on their own thread). */
+    SigpipeBlocked quiet_console;
     int64_t now = ctl_monotonic_ms();
     take_in(&serving->control, fds + kFixedEntries, control_of, control_held, now, true);
     take_in(&serving->readonly, fds + kFixedEntries + control_held, readonly_of, readonly_held, now, false);
     if (fds[kAdminDoneEntry].revents != 0 && ctl_admin_collect()) serving->admin_running = false;
     if (fds[kReadonlyEntry].revents != 0 && serving->readonly_fd != -1) accept_readonly(serving);
-    if (fds[kControlEntry].revents != 0 && !accept_connection(serving->control_fd, &serving->control)) {
+    if (fds[kControlEntry].revents != 0 && !accept_connection(serving->control_fd, &serving->control, true)) {
         CM_LOG(LOG_LEVEL_ERR, "Socket accept() call failed\n");
         return false;
     }
+    serve_control(serving);
+    serve_readonly(serving);
     return true;
 }
 
@@ -299,9 +309,20 @@ void log_readonly_failure(SetupStep step) {
 }  // namespace
 
 void ctl_send_reply(int client, const ctlReply &reply, bool logged) {
-    /* MSG_NOSIGNAL: a client gone before its reply must not stop the daemon. */
-    if (send(client, reply.data, reply.size, MSG_CONFIRM | MSG_NOSIGNAL) == -1 && logged)
-        CM_LOG(LOG_LEVEL_INFO, "ERROR from perror - %s\n", strerror(errno));
+    /* MSG_NOSIGNAL: a client gone before its reply must not stop the daemon.
+     * A reply that fits the fresh connection's buffer goes at once; the rest
+     * of a larger one is sent under the send limit. */
+    const unsigned char *data = (const unsigned char *)reply.data;
+    ssize_t sent = send(client, data, reply.size, MSG_CONFIRM | MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent >= 0 && (size_t)sent < reply.size) {
+        set_send_timeout(client);
+        ssize_t rest = send(client, data + sent, reply.size - (size_t)sent, MSG_CONFIRM | MSG_NOSIGNAL);
+        if (rest == -1) sent = -1;
+    } else if (sent == -1 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        set_send_timeout(client);
+        sent = send(client, data, reply.size, MSG_CONFIRM | MSG_NOSIGNAL);
+    }
+    if (sent == -1 && logged) CM_LOG(LOG_LEVEL_INFO, "ERROR from perror - %s\n", strerror(errno));
 }
 
 bool ctl_is_admin_command(uint32_t cmd) {
@@ -362,10 +383,7 @@ void *ctl_thread(void *) {
     /* Requests are received from every connection at once; reads are
      * answered as soon as they are complete, administration commands run
      * one at a time in the order they became complete. */
-    while (receive_round(serving)) {
-        serve_control(serving);
-        serve_readonly(serving);
-    }
+    while (serve_round(serving)) continue;
     ctl_conns_close_all(&serving->control);
     ctl_conns_close_all(&serving->readonly);
     ctl_admin_stop();

@@ -29,35 +29,11 @@ char g_datestamp[128];
 
 /* Write errors on the console are ignored, and a console on a pipe whose
  * reader has gone must not end the daemon: SIGPIPE is blocked in the
- * writing thread around the write and a SIGPIPE the write raised is taken
- * back before the mask is restored.  The process-wide disposition stays the
- * default, so commands run through system() start with it as usual. */
-class SigpipeBlocked {
-  public:
-    SigpipeBlocked() {
-        sigemptyset(&pipe_);
-        sigaddset(&pipe_, SIGPIPE);
-        sigset_t pending;
-        /* A SIGPIPE already pending for this thread is not ours to take. */
-        already_pending_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
-        pthread_sigmask(SIG_BLOCK, &pipe_, &saved_);
-    }
-    ~SigpipeBlocked() {
-        sigset_t pending;
-        if (!already_pending_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
-            const struct timespec no_wait = {0, 0};
-            sigtimedwait(&pipe_, nullptr, &no_wait);
-        }
-        pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
-    }
-    SigpipeBlocked(const SigpipeBlocked &) = delete;
-    SigpipeBlocked &operator=(const SigpipeBlocked &) = delete;
-
-  private:
-    sigset_t pipe_;
-    sigset_t saved_;
-    bool already_pending_ = false;
-};
+ * writing thread around the write (SigpipeBlocked) and a SIGPIPE the write
+ * raised is taken back before the mask is restored.  The process-wide
+ * disposition stays the default, so commands run through system() start
+ * with it as usual.  Depth of the calling thread's nested scopes: */
+thread_local int t_sigpipe_scopes = 0;
 
 /* Set when the console stream is the journal's: each console line then
  * starts with "<N>", its syslog priority, which the journal turns into the
@@ -131,6 +107,28 @@ void log_vconsole(log_level_e level, const char *fmt, va_list ap) {
 }
 
 }  // namespace
+
+SigpipeBlocked::SigpipeBlocked() {
+    if (t_sigpipe_scopes++ > 0) return;  // an outer scope blocks it already
+    outermost_ = true;
+    sigemptyset(&pipe_);
+    sigaddset(&pipe_, SIGPIPE);
+    sigset_t pending;
+    /* A SIGPIPE already pending for this thread is not ours to take. */
+    already_pending_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, &pipe_, &saved_);
+}
+
+SigpipeBlocked::~SigpipeBlocked() {
+    --t_sigpipe_scopes;
+    if (!outermost_) return;
+    sigset_t pending;
+    if (!already_pending_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+        const struct timespec no_wait = {0, 0};
+        sigtimedwait(&pipe_, nullptr, &no_wait);
+    }
+    pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+}
 
 void _log_log(log_level_e level, const char *fmt, int fmt_len, ...) {
     va_list ap;
