@@ -106,6 +106,29 @@ void log_vconsole(log_level_e level, const char *fmt, va_list ap) {
     fflush(out);
 }
 
+/* " %F %T" of the local time, as strftime writes it into `size` bytes.  The
+ * text changes once a second and a busy daemon logs many lines within one:
+ * the last second's text is kept.  Called under g_ring_lock (or by a single
+ * thread), like the time-stamp buffer it writes into. */
+void append_local_time(char *out, size_t size, time_t seconds) {
+    static time_t cached_second = (time_t)-1;
+    static char cached[64];
+    static size_t cached_length = 0;
+    if (seconds != cached_second) {
+        struct tm local;
+        localtime_r(&seconds, &local);
+        cached_length = strftime(cached, sizeof cached, " %F %T", &local);
+        cached_second = cached_length > 0 ? seconds : (time_t)-1;
+    }
+    if (cached_length > 0 && cached_length < size) {
+        memcpy(out, cached, cached_length + 1);
+        return;
+    }
+    struct tm local;  // does not fit: strftime decides, as it always did
+    localtime_r(&seconds, &local);
+    strftime(out, size, " %F %T", &local);
+}
+
 }  // namespace
 
 SigpipeBlocked::SigpipeBlocked() {
@@ -159,11 +182,9 @@ bool log_console_follow_journal(void) {
 const char *_log_datestamp(void) {
     struct timeval tv;
     if (gettimeofday(&tv, nullptr) != 0) return "-1";
-    struct tm local;
     time_t seconds = tv.tv_sec;
-    localtime_r(&seconds, &local);
     int n = snprintf(g_datestamp, 127, "%lu.%06lu", (unsigned long)tv.tv_sec, (unsigned long)tv.tv_usec);
-    if (n > 0 && n < 127) strftime(g_datestamp + n, 127 - n, " %F %T", &local);
+    if (n > 0 && n < 127) append_local_time(g_datestamp + n, 127 - n, seconds);
     g_datestamp[127] = '\0';
     return g_datestamp;
 }
