@@ -68,8 +68,13 @@ void print_usage(FILE *out) {
           "  -j, --json               print machine-readable JSON (watch: one object a line)\n"
           "  -w, --wide               show: every column, the reasons in the table\n"
           "      --raw                status --json: the daemon's document as it is\n"
-          "  -s, --socket PATH        control socket of the daemon\n"
-          "                           (default: $CHMGR_ROOT/run/chassismgr/chassismgr)\n"
+          "  -s, --socket PATH        socket of the daemon, for every request (default: the\n"
+          "                           control socket $CHMGR_ROOT/run/chassismgr/chassismgr;\n"
+          "                           show, detail and status use the read-only socket\n"
+          "                           $CHMGR_ROOT/run/chassismgr/chassismgr-ro when the\n"
+          "                           control socket is not open to the user, watch\n"
+          "                           always when it can)\n"
+          "  -v, --verbose            say which socket of the daemon is used\n"
           "  -t, --timeout SECONDS    give up waiting for the daemon after this long\n"
           "                           (default: 10 for show, detail, status and watch,\n"
           "                           5 per request for metrics,\n"
@@ -188,6 +193,8 @@ bool parse_options(int argc, char **argv, Options *options, std::string *error) 
             options->wide = true;
         } else if (arg == "--raw") {
             options->raw = true;
+        } else if (arg == "-v" || arg == "--verbose") {
+            options->verbose = true;
         } else {
             int taken = parse_valued_option(argc, argv, &i, arg, options, error);
             if (taken == 0) return false;
@@ -199,6 +206,7 @@ bool parse_options(int argc, char **argv, Options *options, std::string *error) 
     }
     if (options->socket_path.empty() && !options->help && !options->version)
         options->socket_path = default_socket_path();
+    if (!options->help && !options->version) options->readonly_socket_path = default_readonly_socket_path();
     return true;
 }
 

@@ -184,6 +184,13 @@ std::string root_prefix() {
 
 std::string default_socket_path() { return root_prefix() + CHMGRCTL_SOCKET_PATH; }
 
+std::string default_readonly_socket_path() { return root_prefix() + CHMGRCTL_READONLY_SOCKET_PATH; }
+
+bool socket_permitted(const std::string &path) {
+    if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0) return true;
+    return errno != EACCES && errno != EPERM;
+}
+
 std::string default_cards_conf_path() { return root_prefix() + "/etc/tarnel/cards.conf"; }
 
 std::string card_vpd_path(uint32_t slot) {

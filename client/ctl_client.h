@@ -27,6 +27,7 @@ enum ExitStatus {
 };
 
 #define CHMGRCTL_SOCKET_PATH "/run/chassismgr/chassismgr"
+#define CHMGRCTL_READONLY_SOCKET_PATH "/run/chassismgr/chassismgr-ro"
 #define CHMGRCTL_GROUP "chassismgr"
 
 /* After this long without a reply to a request the daemon answers at once,
@@ -36,6 +37,13 @@ constexpr int64_t kBusyNoticeMs = 1000;
 /* The daemon's socket: "/run/chassismgr/chassismgr" under CHMGR_ROOT when
  * that is set and not empty (the same root the daemon was started with). */
 std::string default_socket_path();
+/* The daemon's read-only socket, "/run/chassismgr/chassismgr-ro" under the
+ * same root: any local user may read through it (show, detail, status). */
+std::string default_readonly_socket_path();
+/* Whether this process may connect to the socket at `path` (write
+ * permission on it, and the way to it): false only when permission is
+ * refused, so a missing socket still gives its own error when used. */
+bool socket_permitted(const std::string &path);
 /* The card configuration file, "/etc/tarnel/cards.conf", under the same root. */
 std::string default_cards_conf_path();
 /* The parsed VPD of the card in a slot, as the hardware presents it. */

@@ -181,8 +181,6 @@ double wall_clock_now() {
 
 }  // namespace
 
-std::string metrics_socket_path() { return default_socket_path(); }
-
 std::string textfile_temporary_template(const std::string &path) {
     size_t slash = path.rfind('/');
     std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
@@ -246,13 +244,11 @@ bool write_textfile(const std::string &path, const std::string &text, std::strin
 }
 
 int run_metrics(const Options &options, const Request &request) {
-    Options reading = options;
-    if (!options.socket_given) reading.socket_path = metrics_socket_path();
     std::vector<SlotView> views;
     /* A daemon that does not answer is a measurement like any other: it is
      * reported as chassis_mgr_up 0 (the reason on standard error) and the
      * command succeeds, so that an alert fires rather than a timer failing. */
-    bool up = collect_slot_views(reading, request, SHOW_SUMMARY, &views);
+    bool up = collect_slot_views(options, request, SHOW_SUMMARY, &views);
     std::string text = metrics_text(up, wall_clock_now(), views);
     if (options.textfile.empty()) {
         fputs(text.c_str(), stdout);

@@ -18,9 +18,6 @@ namespace chmgrctl {
  * then ends well within the 15 s period of the packaged timer. */
 constexpr int kMetricsTimeoutS = 5;
 
-/* The socket metrics reads through when no --socket is given. */
-std::string metrics_socket_path();
-
 /* The exposition of one collection made at `collected_at` (seconds since the
  * epoch).  `up` false: the daemon did not answer, and only chassis_mgr_up 0
  * and the collection time are given (`views` is not read). */

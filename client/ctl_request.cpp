@@ -48,7 +48,29 @@ const char *protocol_word(uint32_t code) {
     }
 }
 
+bool is_read(uint32_t code) { return code == SHOW_SUMMARY || code == SHOW_DETAIL || code == DEBUG_SLOT; }
+
+/* With --verbose, names the socket each time it differs from the last one named. */
+void say_socket(const Options &options, const std::string &path) {
+    static std::string named;
+    if (!options.verbose || path == named) return;
+    named = path;
+    const char *which = path == options.readonly_socket_path ? "read-only socket" : "control socket";
+    fprintf(stderr, "chmgrctl: using the %s %s\n", which, path.c_str());
+}
+
 }  // namespace
+
+std::string request_socket_path(const Options &options, const Request &request, uint32_t code) {
+    if (options.socket_given || !is_read(code)) return options.socket_path;
+    /* watch and metrics poll: through the read-only socket their requests
+     * leave the daemon's log rings alone. */
+    bool polling = strcmp(request.info->name, "watch") == 0 || strcmp(request.info->name, "metrics") == 0;
+    const std::string &preferred = polling ? options.readonly_socket_path : options.socket_path;
+    const std::string &other = polling ? options.socket_path : options.readonly_socket_path;
+    if (!socket_permitted(preferred) && socket_permitted(other)) return other;
+    return preferred;
+}
 
 int64_t request_timeout_ms(const Options &options, const Request &request) {
     double seconds = options.timeout_s > 0 ? options.timeout_s : request.info->default_timeout_s;
@@ -80,8 +102,10 @@ bool daemon_request(const Options &options, const Request &request, uint32_t cod
     limits.what = request_words(word ? word : request.info->name, slot_no);
     limits.busy_notice = busy_notice;
 
+    std::string path = request_socket_path(options, request, code);
+    say_socket(options, path);
     std::string error;
-    if (!exchange(options.socket_path, header, max_reply, limits, reply, &error) ||
+    if (!exchange(path, header, max_reply, limits, reply, &error) ||
         !check_header(*reply, header, &error)) {
         fprintf(stderr, "chmgrctl: %s\n", error.c_str());
         return false;

@@ -30,9 +30,11 @@ struct CommandInfo {
 };
 
 struct Options {
-    std::string socket_path;
-    bool socket_given = false;  // --socket on the command line
-    std::string textfile;   // metrics: write here instead of standard output
+    std::string socket_path;           // the control socket
+    std::string readonly_socket_path;  // the read-only socket
+    bool socket_given = false;         // --socket: every request goes there
+    bool verbose = false;              // say which socket is used
+    std::string textfile;              // metrics: write here instead of standard output
     bool json = false;
     bool raw = false;       // status --json: the daemon's document as it is
     bool wide = false;      // show: every column
@@ -57,6 +59,12 @@ int64_t request_timeout_ms(const Options &options, const Request &request);
 std::string request_words(const char *command, uint32_t slot_no);
 /* "slot 3", "all slots". */
 std::string slot_label(uint32_t slot_no);
+
+/* The socket a request of `code` goes to: --socket when given; else the
+ * control socket for administration; for reads the preferred one of the
+ * two that this user may open (watch prefers the read-only socket, the
+ * other reads the control socket), or the preferred one when neither. */
+std::string request_socket_path(const Options &options, const Request &request, uint32_t code);
 
 /* Sends protocol command `code` for `slot_no` and checks that the reply
  * answers it.  False, with the message printed on standard error, when

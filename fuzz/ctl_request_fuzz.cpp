@@ -2,8 +2,10 @@
  * Fuzz target of the control request handler: the input is what a client
  * sent, received into g_ctl_resp_buf (at most 1,024 bytes; the rest of the
  * buffer keeps the previous request, as in the daemon), and the request is
- * handled exactly as the control thread handles it, without a socket.
- * Every byte of a reply is read, as sending it would.
+ * handled exactly as the control thread handles it, without a socket; the
+ * same bytes are handled first as a request of the read-only socket, which
+ * must change no slot and reply from its own buffers.  Every byte of a
+ * reply is read, as sending it would.
  *
  * Side effects stay in a sandbox root made at start-up: cards.conf, the
  * hardware-management files, the simulated SDK's state, the status
@@ -19,6 +21,7 @@
 #include <string>
 
 #include "chassis_mgr.h"
+#include "ctl_serving.h"
 #include "fuzz_sandbox.h"
 #include "ks_sim.h"
 
@@ -77,19 +80,35 @@ bool set_up(void) {
     return true;
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static bool ready = set_up();
-    (void)ready;
-    memcpy(g_ctl_resp_buf, data, size < CTL_BUF_SIZE ? size : CTL_BUF_SIZE);
-
-    ctlReply reply;
-    if (!ctl_handle_request(&reply)) return 0;
+/* Reads every byte of a reply, so the sanitizers see one that lies outside its buffer. */
+void touch_reply(const ctlReply &reply) {
     if (reply.size > sizeof(debugCmdRespSlotState)) abort();
     const volatile unsigned char *bytes = (const volatile unsigned char *)reply.data;
     unsigned sum = 0;
     for (size_t i = 0; i < reply.size; ++i) sum += bytes[i];
     (void)sum;
+}
+
+}  // namespace
+
+/* The same request on the read-only socket first (it must change nothing
+ * and never name an administration reply), then on the control socket. */
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static bool ready = set_up();
+    (void)ready;
+    size_t taken = size < CTL_BUF_SIZE ? size : CTL_BUF_SIZE;
+    memcpy(g_ctl_ro_resp_buf, data, taken);
+    ctlReply reply;
+    int states[MAX_SLOTS_FOR_9600];
+    for (int i = 0; i < MAX_SLOTS_FOR_9600; ++i) states[i] = g_slots_info[i].current_state | g_slots_info[i].disabled << 8;
+    if (ctl_handle_readonly_request(g_ctl_ro_resp_buf, &reply)) {
+        touch_reply(reply);
+        if (reply.data == g_ctl_resp_buf) abort();
+    }
+    for (int i = 0; i < MAX_SLOTS_FOR_9600; ++i)
+        if (states[i] != (g_slots_info[i].current_state | g_slots_info[i].disabled << 8)) abort();
+
+    memcpy(g_ctl_resp_buf, data, taken);
+    if (ctl_handle_request(&reply)) touch_reply(reply);
     return 0;
 }

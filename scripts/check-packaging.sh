@@ -197,8 +197,8 @@ check_tmpfiles_rule() {
     printf 'root:x:0:\nchassismgr:x:%d:\n' "$gid" > "$sysroot/etc/group"
     systemd-tmpfiles --root="$sysroot" --create "$root/usr/lib/tmpfiles.d/chassis-mgr.conf" || return 1
     got=$(stat -c '%a %u %g' "$sysroot/run/chassismgr")
-    if [ "$got" != "2750 0 $gid" ]; then
-        echo "  /run/chassismgr: mode, owner, group '$got' instead of '2750 0 $gid'"
+    if [ "$got" != "2755 0 $gid" ]; then
+        echo "  /run/chassismgr: mode, owner, group '$got' instead of '2755 0 $gid'"
         return 1
     fi
     [ -f "$sysroot/etc/tarnel/debug_slot" ] || { echo "  /etc/tarnel/debug_slot not created"; return 1; }
@@ -209,7 +209,7 @@ check_programs; record "packaged programs run (-V banner, exit status 10, --help
 check_demo; record "packaged chmgr-demo runs from the installed paths" $?
 check_maintainer_scripts; record "maintainer scripts parse and create the group first" $?
 check_cards_conf_template; record "cards.conf template: eight lines in the data-line format" $?
-check_tmpfiles_rule; record "tmpfiles rule: /run/chassismgr 2750 root:chassismgr, debug trigger" $?
+check_tmpfiles_rule; record "tmpfiles rule: /run/chassismgr 2755 root:chassismgr, debug trigger" $?
 
 # --- 5. the systemd unit ------------------------------------------------------
 # `systemd-analyze verify` checks every setting, that ExecStart= names an

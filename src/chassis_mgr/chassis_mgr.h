@@ -12,6 +12,7 @@
 #define CHASSIS_MGR_H
 
 #include <pthread.h>
+#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -106,6 +107,27 @@ void _log_ring(int slot, const char *level_name, const char *file, int line, con
  * written exactly as it is formatted.  Called whenever the console stream
  * changes; returns whether the console is the journal. */
 bool log_console_follow_journal(void);
+
+/* Blocks SIGPIPE in the calling thread while it lives, and takes back a
+ * SIGPIPE that a console write raised meanwhile: a console on a pipe whose
+ * reader has gone must not end the daemon.  Every console write holds one.
+ * Scopes nest and an inner one costs nothing, so a thread that logs several
+ * lines in a row may hold one around them all (four system calls instead of
+ * four a line).  Never hold one while starting a program: it would inherit
+ * the blocked SIGPIPE. */
+class SigpipeBlocked {
+  public:
+    SigpipeBlocked();
+    ~SigpipeBlocked();
+    SigpipeBlocked(const SigpipeBlocked &) = delete;
+    SigpipeBlocked &operator=(const SigpipeBlocked &) = delete;
+
+  private:
+    sigset_t pipe_;
+    sigset_t saved_;
+    bool already_pending_ = false;
+    bool outermost_ = false;
+};
 /* Maps a "-l" value ("DEBUG", "INFO", "WARNING", "ERROR", "CRITICAL"). */
 bool log_level_from_name(const char *name, log_level_e *level);
 /* Copies ring `ring` oldest first into `lines`; returns the line count (at most 24). */
@@ -524,6 +546,9 @@ void *ctl_thread(void *arg);
 bool pre_provision_cmd(ctlPreProvisionCmd *pprovision_cmd);
 bool set_linecard_disable(int slot_id, bool disable);
 int get_json_obj_for_slots(int slot_id);
+/* The status document's text for `slot_id` (as get_json_obj_for_slots
+ * writes it), allocated; the caller frees it. */
+char *status_document_text(int slot_id);
 void *debug_thread(void *arg);
 
 /* The listening control socket, -1 until set up (never closed). */

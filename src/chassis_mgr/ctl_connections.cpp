@@ -24,12 +24,14 @@ void reset(CtlConnection *conn) {
     conn->wanted = 0;
 }
 
-/* The request's len as the control buffer will hold it when served: the
- * bytes received over the buffer's earlier contents. */
-uint32_t len_after_receive(const CtlConnection *conn) {
-    unsigned char header[sizeof(ctlCmdHeader)];
-    memcpy(header, g_ctl_resp_buf, sizeof header);
-    memcpy(header, conn->bytes, conn->received < sizeof header ? conn->received : sizeof header);
+/* The request's len as the buffer will hold it when served: the bytes
+ * received over the buffer's earlier contents.  Only the len field of the
+ * buffer is read: another thread may be writing its status meanwhile. */
+uint32_t len_after_receive(const CtlConnectionTable *table, const CtlConnection *conn) {
+    constexpr size_t kLenEnd = offsetof(ctlCmdHeader, len) + sizeof(uint32_t);
+    unsigned char header[sizeof(ctlCmdHeader)] = {};
+    memcpy(header + offsetof(ctlCmdHeader, len), table->under + offsetof(ctlCmdHeader, len), sizeof(uint32_t));
+    memcpy(header, conn->bytes, conn->received < kLenEnd ? conn->received : kLenEnd);
     return ctl_header_of(header).len;
 }
 
@@ -69,7 +71,7 @@ CtlReceipt receive_first(CtlConnectionTable *table, int index, int64_t now_ms) {
     conn->replay = got == 0;
 
     /* Compared as unsigned 32-bit values: `len` above 1023 never asks for more. */
-    uint32_t len = len_after_receive(conn);
+    uint32_t len = len_after_receive(table, conn);
     if (len <= CTL_BUF_SIZE - 1 && len > conn->received) {
         if (conn->replay) {  // at the end, the extra receive would find nothing more
             mark_ready(table, conn);
@@ -103,19 +105,22 @@ int64_t ctl_monotonic_ms(void) {
     return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-void ctl_conns_init(CtlConnectionTable *table) {
+void ctl_conns_init(CtlConnectionTable *table) { ctl_conns_init_over(table, g_ctl_resp_buf); }
+
+void ctl_conns_init_over(CtlConnectionTable *table, const unsigned char *under) {
     for (CtlConnection &conn : table->conns) reset(&conn);
+    table->under = under;
     table->next_arrival = 0;
     table->next_ready = 0;
 }
 
-void ctl_conns_add(CtlConnectionTable *table, int fd, int64_t now_ms) {
+int ctl_conns_add(CtlConnectionTable *table, int fd, int64_t now_ms) {
     int index = free_entry(table);
     if (index == -1) {
         index = oldest_waiting(table);
         if (index == -1) {  // every held request is complete and waiting: refuse the newcomer
             close(fd);
-            return;
+            return -1;
         }
         ctl_conns_close(table, index);
     }
@@ -125,6 +130,7 @@ void ctl_conns_add(CtlConnectionTable *table, int fd, int64_t now_ms) {
     conn->phase = CTL_CONN_WAIT_FIRST;
     conn->arrival = table->next_arrival++;
     conn->deadline_ms = now_ms + kCtlReceiveLimitMs;
+    return index;
 }
 
 int ctl_conns_poll_set(const CtlConnectionTable *table, struct pollfd *fds, int *index_of) {
@@ -155,6 +161,10 @@ void ctl_conns_expire(CtlConnectionTable *table, int64_t now_ms) {
 
 int ctl_conns_poll_timeout(const CtlConnectionTable *table, int64_t now_ms) {
     if (ctl_conns_next_ready(table) != -1) return 0;
+    return ctl_conns_receive_timeout(table, now_ms);
+}
+
+int ctl_conns_receive_timeout(const CtlConnectionTable *table, int64_t now_ms) {
     int64_t soonest = -1;
     for (const CtlConnection &conn : table->conns) {
         if (conn.phase != CTL_CONN_WAIT_FIRST && conn.phase != CTL_CONN_WAIT_REST) continue;
@@ -179,6 +189,8 @@ void ctl_conns_close(CtlConnectionTable *table, int index) {
     if (conn->fd != -1) close(conn->fd);
     reset(conn);
 }
+
+void ctl_conns_release(CtlConnectionTable *table, int index) { reset(&table->conns[index]); }
 
 void ctl_conns_close_all(CtlConnectionTable *table) {
     for (int i = 0; i < kCtlMaxConnections; ++i) ctl_conns_close(table, i);

@@ -44,13 +44,21 @@ struct CtlConnection {
 
 struct CtlConnectionTable {
     CtlConnection conns[kCtlMaxConnections];
+    /* The buffer the requests are laid over when served; its len field
+     * stands in for a len that a short request did not bring. */
+    const unsigned char *under;
     uint64_t next_arrival;
     uint64_t next_ready;
 };
 
+/* An empty table whose requests are laid over g_ctl_resp_buf (ctl_conns_init)
+ * or over `under`. */
 void ctl_conns_init(CtlConnectionTable *table);
-/* Takes ownership of fd; evicts the oldest waiting connection when full. */
-void ctl_conns_add(CtlConnectionTable *table, int fd, int64_t now_ms);
+void ctl_conns_init_over(CtlConnectionTable *table, const unsigned char *under);
+/* Takes ownership of fd; evicts the oldest waiting connection when full.
+ * Returns the new connection's index, or -1 when it was refused (every
+ * held request complete and waiting: fd is closed). */
+int ctl_conns_add(CtlConnectionTable *table, int fd, int64_t now_ms);
 /* Fills fds with the connections still receiving; index_of[i] is the table
  * index of fds[i].  Returns the count. */
 int ctl_conns_poll_set(const CtlConnectionTable *table, struct pollfd *fds, int *index_of);
@@ -68,8 +76,13 @@ CtlReceipt ctl_conns_receive(CtlConnectionTable *table, int index, int64_t now_m
 void ctl_conns_expire(CtlConnectionTable *table, int64_t now_ms);
 /* Milliseconds poll may wait: 0 when a request is ready, -1 when none waits. */
 int ctl_conns_poll_timeout(const CtlConnectionTable *table, int64_t now_ms);
+/* Milliseconds until the nearest receive limit, -1 when none: complete
+ * requests are not counted (for a caller that may not serve them yet). */
+int ctl_conns_receive_timeout(const CtlConnectionTable *table, int64_t now_ms);
 /* Index of the request that completed first, or -1. */
 int ctl_conns_next_ready(const CtlConnectionTable *table);
 void ctl_conns_close(CtlConnectionTable *table, int index);
+/* Frees the entry and leaves its descriptor open: someone else owns it now. */
+void ctl_conns_release(CtlConnectionTable *table, int index);
 void ctl_conns_close_all(CtlConnectionTable *table);
 int64_t ctl_monotonic_ms(void);

@@ -29,35 +29,11 @@ char g_datestamp[128];
 
 /* Write errors on the console are ignored, and a console on a pipe whose
  * reader has gone must not end the daemon: SIGPIPE is blocked in the
- * writing thread around the write and a SIGPIPE the write raised is taken
- * back before the mask is restored.  The process-wide disposition stays the
- * default, so commands run through system() start with it as usual. */
-class SigpipeBlocked {
-  public:
-    SigpipeBlocked() {
-        sigemptyset(&pipe_);
-        sigaddset(&pipe_, SIGPIPE);
-        sigset_t pending;
-        /* A SIGPIPE already pending for this thread is not ours to take. */
-        already_pending_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
-        pthread_sigmask(SIG_BLOCK, &pipe_, &saved_);
-    }
-    ~SigpipeBlocked() {
-        sigset_t pending;
-        if (!already_pending_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
-            const struct timespec no_wait = {0, 0};
-            sigtimedwait(&pipe_, nullptr, &no_wait);
-        }
-        pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
-    }
-    SigpipeBlocked(const SigpipeBlocked &) = delete;
-    SigpipeBlocked &operator=(const SigpipeBlocked &) = delete;
-
-  private:
-    sigset_t pipe_;
-    sigset_t saved_;
-    bool already_pending_ = false;
-};
+ * writing thread around the write (SigpipeBlocked) and a SIGPIPE the write
+ * raised is taken back before the mask is restored.  The process-wide
+ * disposition stays the default, so commands run through system() start
+ * with it as usual.  Depth of the calling thread's nested scopes: */
+thread_local int t_sigpipe_scopes = 0;
 
 /* Set when the console stream is the journal's: each console line then
  * starts with "<N>", its syslog priority, which the journal turns into the
@@ -130,7 +106,52 @@ void log_vconsole(log_level_e level, const char *fmt, va_list ap) {
     fflush(out);
 }
 
+/* " %F %T" of the local time, as strftime writes it into `size` bytes.  The
+ * text changes once a second and a busy daemon logs many lines within one:
+ * the last second's text is kept.  Called under g_ring_lock (or by a single
+ * thread), like the time-stamp buffer it writes into. */
+void append_local_time(char *out, size_t size, time_t seconds) {
+    static time_t cached_second = (time_t)-1;
+    static char cached[64];
+    static size_t cached_length = 0;
+    if (seconds != cached_second) {
+        struct tm local;
+        localtime_r(&seconds, &local);
+        cached_length = strftime(cached, sizeof cached, " %F %T", &local);
+        cached_second = cached_length > 0 ? seconds : (time_t)-1;
+    }
+    if (cached_length > 0 && cached_length < size) {
+        memcpy(out, cached, cached_length + 1);
+        return;
+    }
+    struct tm local;  // does not fit: strftime decides, as it always did
+    localtime_r(&seconds, &local);
+    strftime(out, size, " %F %T", &local);
+}
+
 }  // namespace
+
+SigpipeBlocked::SigpipeBlocked() {
+    if (t_sigpipe_scopes++ > 0) return;  // an outer scope blocks it already
+    outermost_ = true;
+    sigemptyset(&pipe_);
+    sigaddset(&pipe_, SIGPIPE);
+    sigset_t pending;
+    /* A SIGPIPE already pending for this thread is not ours to take. */
+    already_pending_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, &pipe_, &saved_);
+}
+
+SigpipeBlocked::~SigpipeBlocked() {
+    --t_sigpipe_scopes;
+    if (!outermost_) return;
+    sigset_t pending;
+    if (!already_pending_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+        const struct timespec no_wait = {0, 0};
+        sigtimedwait(&pipe_, nullptr, &no_wait);
+    }
+    pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+}
 
 void _log_log(log_level_e level, const char *fmt, int fmt_len, ...) {
     va_list ap;
@@ -161,11 +182,9 @@ bool log_console_follow_journal(void) {
 const char *_log_datestamp(void) {
     struct timeval tv;
     if (gettimeofday(&tv, nullptr) != 0) return "-1";
-    struct tm local;
     time_t seconds = tv.tv_sec;
-    localtime_r(&seconds, &local);
     int n = snprintf(g_datestamp, 127, "%lu.%06lu", (unsigned long)tv.tv_sec, (unsigned long)tv.tv_usec);
-    if (n > 0 && n < 127) strftime(g_datestamp + n, 127 - n, " %F %T", &local);
+    if (n > 0 && n < 127) append_local_time(g_datestamp + n, 127 - n, seconds);
     g_datestamp[127] = '\0';
     return g_datestamp;
 }

@@ -151,7 +151,7 @@ bool slot_reported(int requested, int slot_id) { return requested == CTL_ALL_SLO
 
 }  // namespace
 
-int get_json_obj_for_slots(int slot_id) {
+char *status_document_text(int slot_id) {
     JsonNode *root = json_mkobject();
     json_append_member(root, "chassis", json_mkstring(CHASSIS_NAME));
     json_append_member(root, "Log", make_ring(0));
@@ -161,9 +161,13 @@ int get_json_obj_for_slots(int slot_id) {
         snprintf(key, sizeof key, "slot%d", slot);
         json_append_member(root, key, make_slot(slot));
     }
-
     char *text = json_stringify(root, "\t");
     json_delete(root);
+    return text;
+}
+
+int get_json_obj_for_slots(int slot_id) {
+    char *text = status_document_text(slot_id);
 
     char path[CM_PATH_SIZE];
     env_path(path, sizeof path, STATUS_DOCUMENT_PATH);

@@ -114,7 +114,8 @@ constexpr int kWorkerStamps = 16;
 Stamp g_worker_stamps[kWorkerStamps];
 std::atomic<int> g_worker_stamps_claimed{0};
 thread_local int t_worker_stamp = -1;
-Stamp g_request_stamp;
+Stamp g_request_stamp;  // the control thread serving a read
+Stamp g_admin_stamp;    // the administration thread running a command
 Stamp g_main_loop_stamp;
 relaxed<bool> g_unhealthy_reported = false;
 
@@ -149,7 +150,7 @@ bool overdue(Stamp *stamp, int64_t now_ns, const char *who) {
         if (stamp == &g_main_loop_stamp)
             CM_LOG(LOG_LEVEL_ERR, "%s busy for %lld ms (limit %lld ms): watchdog pings stop\n", who,
                    ms(now_ns - since), ms(stamp->limit_ns));
-        else if (stamp == &g_request_stamp)
+        else if (stamp == &g_request_stamp || stamp == &g_admin_stamp)
             CM_LOG(LOG_LEVEL_ERR, "%s in command %d for slot %d for %lld ms (limit %lld ms): watchdog pings stop\n",
                    who, (int)stamp->what, (int)stamp->slot, ms(now_ns - since), ms(stamp->limit_ns));
         else
@@ -227,12 +228,13 @@ WorkItemStamp::~WorkItemStamp() {
     notify_status_refresh();
 }
 
-ControlRequestStamp::ControlRequestStamp(uint32_t cmd, uint32_t slot_no) {
-    stamp_enter(&g_request_stamp, watchdog_request_limit_ns(cmd, slot_no), (int)slot_no, (int)cmd);
+ControlRequestStamp::ControlRequestStamp(uint32_t cmd, uint32_t slot_no, bool admin) : admin_(admin) {
+    stamp_enter(admin_ ? &g_admin_stamp : &g_request_stamp, watchdog_request_limit_ns(cmd, slot_no), (int)slot_no,
+                (int)cmd);
 }
 
 ControlRequestStamp::~ControlRequestStamp() {
-    stamp_leave(&g_request_stamp);
+    stamp_leave(admin_ ? &g_admin_stamp : &g_request_stamp);
     notify_status_refresh();
 }
 
@@ -245,6 +247,7 @@ bool watchdog_healthy(int64_t now_ns) {
     for (Stamp &stamp : g_worker_stamps)
         if (overdue(&stamp, now_ns, "Worker")) healthy = false;
     if (overdue(&g_request_stamp, now_ns, "Control thread")) healthy = false;
+    if (overdue(&g_admin_stamp, now_ns, "Administration thread")) healthy = false;
     if (overdue(&g_main_loop_stamp, now_ns, "Main loop")) healthy = false;
     if (!healthy) {
         g_unhealthy_reported = true;

@@ -37,13 +37,19 @@ class WorkItemStamp {
     int index_;
 };
 
-/* Marks the control thread inside one request for its lifetime. */
+/* Marks a control request being served for its lifetime: a read in the
+ * control thread, an administration command in the administration thread
+ * (`admin`); each thread has its own stamp, since both may be inside a
+ * request at once. */
 class ControlRequestStamp {
   public:
-    ControlRequestStamp(uint32_t cmd, uint32_t slot_no);
+    ControlRequestStamp(uint32_t cmd, uint32_t slot_no, bool admin);
     ~ControlRequestStamp();
     ControlRequestStamp(const ControlRequestStamp &) = delete;
     ControlRequestStamp &operator=(const ControlRequestStamp &) = delete;
+
+  private:
+    bool admin_;
 };
 
 /* Marks the main loop between two polls for its lifetime. */

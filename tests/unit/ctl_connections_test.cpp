@@ -157,3 +157,47 @@ TEST_F(CtlConnectionsTest, OneConnectionTooManyClosesTheOldestWaitingOne) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(CtlConnectionsTest, PartialHeaderOfAnotherTableTakesItsLenFromThatTablesBuffer) {
+    static unsigned char other[CTL_BUF_SIZE];
+    ctlCmdHeader asks_more = {SHOW_SUMMARY, 100, 9, 1, 0, 0};
+    memcpy(other, &asks_more, sizeof asks_more);
+    ctlCmdHeader never_more = {SHOW_SUMMARY, 2000, 9, 1, 0, 0};
+    memcpy(g_ctl_resp_buf, &never_more, sizeof never_more);
+    ctl_conns_init_over(&table_, other);
+    int peer = connect_at(0);
+    send_to(peer, std::string("\x05\x00", 2));
+    receive_all(0);
+    EXPECT_EQ(ctl_conns_next_ready(&table_), -1);  // len 100 from `other`: one extra receive awaited
+    EXPECT_EQ(table_.conns[0].phase, CTL_CONN_WAIT_REST);
+}
+
+TEST_F(CtlConnectionsTest, ReceiveTimeoutCountsOnlyConnectionsStillReceiving) {
+    int done = connect_at(0);
+    send_to(done, header_bytes(LINECARD_DISABLE, 24, 1));
+    receive_all(0);
+    EXPECT_EQ(ctl_conns_poll_timeout(&table_, 100), 0);
+    EXPECT_EQ(ctl_conns_receive_timeout(&table_, 100), -1);
+    connect_at(1000);
+    EXPECT_EQ(ctl_conns_receive_timeout(&table_, 1500), (int)(kCtlReceiveLimitMs - 500));
+}
+
+TEST_F(CtlConnectionsTest, ReleasedConnectionStaysOpenForItsNewOwner) {
+    int peer = connect_at(0);
+    send_to(peer, header_bytes(LINECARD_DISABLE, 24, 1));
+    receive_all(0);
+    int index = ctl_conns_next_ready(&table_);
+    ASSERT_NE(index, -1);
+    int fd = table_.conns[index].fd;
+    ctl_conns_release(&table_, index);
+    EXPECT_EQ(table_.conns[index].phase, CTL_CONN_FREE);
+    EXPECT_EQ(table_.conns[index].fd, -1);
+    EXPECT_EQ(send(fd, "x", 1, MSG_NOSIGNAL), 1);  // still open
+    char byte;
+    EXPECT_EQ(recv(peer, &byte, 1, 0), 1);
+    close(fd);
+}
+
+}  // namespace

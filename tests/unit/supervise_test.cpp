@@ -222,7 +222,7 @@ TEST_F(Watchdog, WorkItemPastItsLimitIsUnhealthyUntilItEnds) {
 TEST_F(Watchdog, ControlRequestAndMainLoopAreWatched) {
     chmgr_test::ConsoleCapture console;
     {
-        ControlRequestStamp request(SHOW_SUMMARY, 255);
+        ControlRequestStamp request(SHOW_SUMMARY, 255, false);
         EXPECT_FALSE(watchdog_healthy(watchdog_now_ns() + watchdog_request_limit_ns(SHOW_SUMMARY, 255) + kSecond));
     }
     {
@@ -235,6 +235,21 @@ TEST_F(Watchdog, ControlRequestAndMainLoopAreWatched) {
     EXPECT_EQ(lines[0].rfind("watchdog.cpp:<N> ERR Control thread in command 5 for slot 255 for ", 0), 0u) << lines[0];
     EXPECT_EQ(lines[1].rfind("watchdog.cpp:<N> ERR Main loop busy for ", 0), 0u) << lines[1];
     EXPECT_EQ(lines[2], "watchdog.cpp:<N> Every thread is making progress again: watchdog pings resume\n");
+}
+
+TEST_F(Watchdog, AdministrationCommandStaysWatchedWhileAReadIsServed) {
+    chmgr_test::ConsoleCapture console;
+    {
+        ControlRequestStamp command(LINECARD_DISABLE, 3, true);
+        { ControlRequestStamp read(SHOW_SUMMARY, 255, false); }
+        EXPECT_FALSE(watchdog_healthy(watchdog_now_ns() + watchdog_request_limit_ns(LINECARD_DISABLE, 3) + kSecond));
+    }
+    EXPECT_TRUE(watchdog_healthy(watchdog_now_ns()));
+    std::vector<std::string> lines = lines_of(console);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].rfind("watchdog.cpp:<N> ERR Administration thread in command 4 for slot 3 for ", 0), 0u)
+        << lines[0];
+    EXPECT_EQ(lines[1], "watchdog.cpp:<N> Every thread is making progress again: watchdog pings resume\n");
 }
 
 /* ---- reports to the service manager ---- */
