@@ -7,7 +7,7 @@ command.  The hanging stand-ins are the usual ones held, FIFOs that an
 
 import os
 
-from conftest import CTL_HEADER, console_lines, ctl_exchange, ctl_request, wait_until
+from conftest import CTL_HEADER, console_lines, ctl_exchange, ctl_request, socket_listening, wait_until
 from supervise_support import group_gone, process_group_of
 
 SCALE = 0.01
@@ -74,6 +74,7 @@ def start(sandbox, daemon):
     sandbox.start_emulator()
     handle = daemon.start(scale=SCALE)
     handle.wait_console("[SLOT8] startup.cpp:", timeout=10)
+    wait_until(lambda: socket_listening(sandbox), 10, what="the control socket to listen")
     return handle
 
 
@@ -146,6 +147,7 @@ def test_power_off_command_that_never_returns(sandbox, daemon):
     os.mkfifo(power)
     handle = daemon.start(scale=SCALE)
     handle.wait_console("[SLOT8] startup.cpp:", timeout=10)
+    wait_until(lambda: socket_listening(sandbox), 10, what="the control socket to listen")
     reply = ctl_exchange(sandbox, ctl_request(LINECARD_DISABLE, 5))
     assert CTL_HEADER.unpack(reply[:24])[4] == 0
     lines = console_lines(handle, keepends=True)
