@@ -16,6 +16,7 @@ the switch firmware, as pre-provisioning leaves it).
 empty when the trial passed.  Only the standard library is used.
 """
 
+import fcntl
 import os
 import random
 import shutil
@@ -77,6 +78,24 @@ def _read(path):
         return Path(path).read_text(errors="replace")
     except OSError:
         return None
+
+
+def _pid_lock_free(root):
+    """True when nothing holds the pid file's lock.  The daemon runs each
+    command in a process group of its own, so a command caught between its
+    fork and its exec outlives a kill of the daemon's group and holds the
+    lock until its exec closes the descriptor."""
+    try:
+        fd = os.open(root / "var/run/chassis-mgr.pid", os.O_RDONLY | os.O_CLOEXEC)
+    except FileNotFoundError:
+        return True
+    try:
+        fcntl.flock(fd, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        return True
+    except BlockingIOError:
+        return False
+    finally:
+        os.close(fd)  # releases the lock taken for the look
 
 
 def _group_alive(pgid):
@@ -239,9 +258,9 @@ def run_trial(binary, seed, scale=0.001, kill_window=1.5, timeout=60.0, keep_fai
             time.sleep(0.001)
         os.killpg(first.pid, signal.SIGKILL)
         first.wait()
-        # A command the daemon was running dies with it; until it is gone it
-        # may still hold the pid file's lock (between its fork and exec).
-        while _group_alive(first.pid):
+        # Until the daemon's processes are gone, and a command caught between
+        # its fork and exec has exec'd, the pid file's lock may still be held.
+        while _group_alive(first.pid) or not _pid_lock_free(chassis.root):
             if time.monotonic() > deadline:
                 raise RuntimeError(f"processes of the killed daemon did not end (see {chassis.base})")
             time.sleep(0.005)

@@ -62,7 +62,7 @@ class Command(NamedTuple):
 
 def man_text(line):
     """A roff line as printed: escaped minus signs and quotes made plain."""
-    return line.replace("\\-", "-").replace("\\(dq", '"').replace("\\e", "\\")
+    return line.replace("\\-", "-").replace("\\(dq", '"').replace("\\(aq", "'").replace("\\e", "\\")
 
 
 def markdown_blocks(path):
@@ -127,6 +127,8 @@ def classify(source, text):
     if program in RUN:
         if words[-1] == "&" or text.rstrip().endswith("&"):
             return Command(source, text, words, False, "starts a background process")
+        if "|" in words:  # a filter of the output for the reader: the command itself is run
+            words = words[:words.index("|")]
         return Command(source, text, words, True, "")
     if program in NOT_RUN:
         return Command(source, text, words, False, NOT_RUN[program])
