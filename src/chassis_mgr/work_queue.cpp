@@ -9,15 +9,20 @@
  * A worker never waits for a busy slot.  While a transition of a slot runs,
  * later items of that slot are moved, in queue order, to the slot's own
  * waiting list; the worker that ends the slot's transition runs the next of
- * them.  A free worker takes the oldest item of a slot in which no
- * transition runs.  So items of one slot start strictly in queue order, one
- * at a time, and four slots can be inside their transitions at once whatever
- * else is queued.
+ * them.  So items of one slot start strictly in queue order, one at a time,
+ * and four slots can be inside their transitions at once whatever else is
+ * queued.
  *
- * Why the oldest runnable item is found this way: items reach a slot's list
- * only from the head of the queue, so they are older than anything still
- * queued; and a slot's list is only ever non-empty while its transition
- * runs, because the worker that ends it takes the list's next item at once.
+ * Short work first.  The ready step (run for a ready event, or by a
+ * supervision expiry while the slot awaits one) holds a worker for about a
+ * minute; every other transition is short, and the active one that follows a ready step
+ * ends a card's bring-up.  Among the slots in which no transition runs, a
+ * free worker takes the oldest short item before the oldest ready item, so a
+ * card whose ready step has ended goes online before the next cards' ready
+ * steps take the workers.  Only an item that is the next of its slot can be
+ * taken, so precedence never reorders one slot's items.  It is bounded:
+ * once MAX_PASSES_OVER_READY items have started while a ready item of an
+ * idle slot stayed queued, that ready item is the next to start.
  */
 #include <stdlib.h>
 
@@ -32,11 +37,15 @@ namespace {
 /* Per slot, guarded by the queue mutex. */
 struct SlotWork {
     bool running;     // a worker is inside a transition of the slot
-    eventWork *head;  // oldest item waiting for that transition to return
+    eventWork *head;  // oldest item waiting for its turn in the slot
     eventWork *tail;
     int waiting;
 };
 SlotWork g_slot_work[MAX_SLOTS_FOR_9600];
+
+/* Items started while the oldest startable ready item stayed queued; reset
+ * when it starts.  Guarded by the queue mutex. */
+int g_passes_over_ready;
 
 /* Producers only build items for slots 1 to 8 and events 0 to 9; anything
  * else would index past the slot records or the event table. */
@@ -45,7 +54,18 @@ bool work_is_valid(const eventWork *work) {
            work->event < SLOT_EVENT_COUNT;
 }
 
-void wait_behind_running(SlotWork *slot, eventWork *work) {
+/* The ready step is the one long transition.  A supervision expiry of a slot
+ * that awaits its ready event runs it when the ready file is already written
+ * (the awaited event is read without the slot mutex: the slot is idle, and a
+ * stale value only moves the item in the order of precedence). */
+bool is_long_work(const eventWork *work) {
+    if (!work_is_valid(work)) return false;  // dropped at once
+    if (work->event == slot_ready_event) return true;
+    return work->event == slot_timeout_event &&
+           g_slots_info[work->slot_id - 1].trans_timer.state_monitored == slot_ready_event;
+}
+
+void wait_in_slot(SlotWork *slot, eventWork *work) {
     work->next = nullptr;
     if (slot->head)
         slot->tail->next = work;
@@ -63,27 +83,109 @@ eventWork *next_waiting(SlotWork *slot) {
     return work;
 }
 
-/* Queue mutex held.  The item this worker runs next, or null when every
- * queued item belongs to a busy slot.  `ended_slot` is the slot whose
- * transition this worker has just ended (0 for none): its waiting items are
- * the oldest of all, so the next of them comes first. */
-eventWork *take_runnable(int ended_slot) {
-    if (ended_slot) {
-        SlotWork *slot = &g_slot_work[ended_slot - 1];
-        if (eventWork *work = next_waiting(slot)) return work;  // the slot stays busy
-        slot->running = false;
-    }
-    while (eventWork *work = get_work_from_que()) {
-        if (!work_is_valid(work)) return work;  // dropped by run_work
-        SlotWork *slot = &g_slot_work[work->slot_id - 1];
-        if (slot->running) {
-            wait_behind_running(slot, work);
+/* A queued item that may start now, with the item before it (for unlinking). */
+struct Startable {
+    eventWork *prev;
+    eventWork *work;
+};
+
+/* What a scan of the queue found: the oldest startable short and ready items. */
+struct QueueScan {
+    Startable short_work;
+    Startable long_work;
+};
+
+void unlink_queued(eventWork *prev, eventWork *work) {
+    eventWorkQue *que = &g_event_work_que;
+    if (prev)
+        prev->next = work->next;
+    else
+        que->head = work->next;
+    if (que->tail == work && prev) que->tail = prev;  // an emptied queue keeps its stale tail
+    work->next = nullptr;
+}
+
+/* Queue mutex held.  Walks the queue from its oldest item, moving every item
+ * of a slot that is busy or already has items waiting to that slot's list
+ * (keeping their order), and stops at the first startable short item.  An
+ * item is startable when its slot is idle and it is the slot's next. */
+QueueScan scan_queue() {
+    QueueScan found = {};
+    bool seen[MAX_SLOTS_FOR_9600] = {};
+    eventWork *prev = nullptr;
+    eventWork *work = g_event_work_que.head;
+    while (work && !found.short_work.work) {
+        eventWork *next = work->next;
+        if (!work_is_valid(work)) {
+            found.short_work = {prev, work};
+        } else if (SlotWork *slot = &g_slot_work[work->slot_id - 1]; slot->running || slot->head) {
+            unlink_queued(prev, work);
+            wait_in_slot(slot, work);
+            work = next;
             continue;
+        } else if (!seen[work->slot_id - 1]) {
+            seen[work->slot_id - 1] = true;
+            Startable *kind = is_long_work(work) ? &found.long_work : &found.short_work;
+            if (!kind->work) *kind = {prev, work};
         }
-        slot->running = true;
-        return work;
+        prev = work;
+        work = next;
+    }
+    return found;
+}
+
+eventWork *start_queued(Startable item) {
+    unlink_queued(item.prev, item.work);
+    if (work_is_valid(item.work)) g_slot_work[item.work->slot_id - 1].running = true;
+    return item.work;
+}
+
+/* Items left waiting in a slot that no worker runs (see take_runnable). */
+eventWork *start_waiting_in_idle_slot() {
+    for (SlotWork &slot : g_slot_work) {
+        if (slot.running || !slot.head) continue;
+        slot.running = true;
+        return next_waiting(&slot);
     }
     return nullptr;
+}
+
+/* The worker ends its slot's transition: it runs the slot's next waiting
+ * item, or leaves the slot idle. */
+eventWork *continue_slot(int ended_slot) {
+    if (!ended_slot) return nullptr;
+    SlotWork *slot = &g_slot_work[ended_slot - 1];
+    if (eventWork *work = next_waiting(slot)) return work;  // the slot stays busy
+    slot->running = false;
+    return nullptr;
+}
+
+/* Queue mutex held.  The item this worker runs next, or null when every
+ * item belongs to a busy slot.  `ended_slot` is the slot whose transition
+ * this worker has just ended (0 for none). */
+eventWork *take_runnable(int ended_slot) {
+    QueueScan found = scan_queue();
+    if (found.long_work.work && g_passes_over_ready >= MAX_PASSES_OVER_READY) {
+        if (ended_slot && g_slot_work[ended_slot - 1].head) {
+            /* The ended slot's items wait for the next free worker. */
+            g_slot_work[ended_slot - 1].running = false;
+            pthread_cond_broadcast(&g_event_work_que.cond);
+        } else {
+            continue_slot(ended_slot);
+        }
+        g_passes_over_ready = 0;
+        return start_queued(found.long_work);
+    }
+    eventWork *work = continue_slot(ended_slot);
+    if (!work) work = start_waiting_in_idle_slot();
+    if (!work && found.short_work.work) work = start_queued(found.short_work);
+    if (work) {
+        if (found.long_work.work) g_passes_over_ready++;
+        return work;
+    }
+    if (!found.long_work.work) return nullptr;
+    g_passes_over_ready = 0;
+    return start_queued(found.long_work);
 }
 
 eventWork *wait_for_work(int ended_slot) {
