@@ -15,14 +15,14 @@
  *
  * Short work first.  The ready step (run for a ready event, or by a
  * supervision expiry while the slot awaits one) holds a worker for about a
- * minute; every other transition is short, and the active one that follows a ready step
- * ends a card's bring-up.  Among the slots in which no transition runs, a
- * free worker takes the oldest short item before the oldest ready item, so a
- * card whose ready step has ended goes online before the next cards' ready
- * steps take the workers.  Only an item that is the next of its slot can be
- * taken, so precedence never reorders one slot's items.  It is bounded:
- * once MAX_PASSES_OVER_READY items have started while a ready item of an
- * idle slot stayed queued, that ready item is the next to start.
+ * minute; every other transition is short, and the active one that follows
+ * a ready step ends a card's bring-up.  Among the slots in which no
+ * transition runs, a free worker takes the oldest short item before the
+ * oldest ready item, so a card whose ready step has ended goes online before
+ * the next cards' ready steps take the workers.  Only an item that is the
+ * next of its slot can be taken, so precedence never reorders one slot's
+ * items.  It is bounded: a ready item that could start is passed over at
+ * most MAX_PASSES_OVER_READY times; then it starts before any other item.
  */
 #include <stdlib.h>
 
@@ -40,12 +40,9 @@ struct SlotWork {
     eventWork *head;  // oldest item waiting for its turn in the slot
     eventWork *tail;
     int waiting;
+    int passed_over;  // items started while the slot's next item, a ready one, could have
 };
 SlotWork g_slot_work[MAX_SLOTS_FOR_9600];
-
-/* Items started while the oldest startable ready item stayed queued; reset
- * when it starts.  Guarded by the queue mutex. */
-int g_passes_over_ready;
 
 /* Producers only build items for slots 1 to 8 and events 0 to 9; anything
  * else would index past the slot records or the event table. */
@@ -89,10 +86,12 @@ struct Startable {
     eventWork *work;
 };
 
-/* What a scan of the queue found: the oldest startable short and ready items. */
+/* What a scan of the queue found: the oldest startable short item, and the
+ * startable ready items (one per slot at most), oldest first. */
 struct QueueScan {
     Startable short_work;
-    Startable long_work;
+    Startable long_work[MAX_SLOTS_FOR_9600];
+    int long_count;
 };
 
 void unlink_queued(eventWork *prev, eventWork *work) {
@@ -107,17 +106,18 @@ void unlink_queued(eventWork *prev, eventWork *work) {
 
 /* Queue mutex held.  Walks the queue from its oldest item, moving every item
  * of a slot that is busy or already has items waiting to that slot's list
- * (keeping their order), and stops at the first startable short item.  An
- * item is startable when its slot is idle and it is the slot's next. */
+ * (keeping their order), and notes the first startable short item and every
+ * startable ready item.  An item is startable when its slot is idle and it is
+ * the slot's next. */
 QueueScan scan_queue() {
     QueueScan found = {};
     bool seen[MAX_SLOTS_FOR_9600] = {};
     eventWork *prev = nullptr;
     eventWork *work = g_event_work_que.head;
-    while (work && !found.short_work.work) {
+    while (work) {
         eventWork *next = work->next;
         if (!work_is_valid(work)) {
-            found.short_work = {prev, work};
+            if (!found.short_work.work) found.short_work = {prev, work};
         } else if (SlotWork *slot = &g_slot_work[work->slot_id - 1]; slot->running || slot->head) {
             unlink_queued(prev, work);
             wait_in_slot(slot, work);
@@ -125,8 +125,10 @@ QueueScan scan_queue() {
             continue;
         } else if (!seen[work->slot_id - 1]) {
             seen[work->slot_id - 1] = true;
-            Startable *kind = is_long_work(work) ? &found.long_work : &found.short_work;
-            if (!kind->work) *kind = {prev, work};
+            if (is_long_work(work))
+                found.long_work[found.long_count++] = {prev, work};
+            else if (!found.short_work.work)
+                found.short_work = {prev, work};
         }
         prev = work;
         work = next;
@@ -136,8 +138,19 @@ QueueScan scan_queue() {
 
 eventWork *start_queued(Startable item) {
     unlink_queued(item.prev, item.work);
-    if (work_is_valid(item.work)) g_slot_work[item.work->slot_id - 1].running = true;
+    if (work_is_valid(item.work)) {
+        g_slot_work[item.work->slot_id - 1].running = true;
+        g_slot_work[item.work->slot_id - 1].passed_over = 0;
+    }
     return item.work;
+}
+
+/* The oldest startable ready item passed over too often, or null. */
+const Startable *due_ready_work(const QueueScan &found) {
+    for (int i = 0; i < found.long_count; i++)
+        if (g_slot_work[found.long_work[i].work->slot_id - 1].passed_over >= MAX_PASSES_OVER_READY)
+            return &found.long_work[i];
+    return nullptr;
 }
 
 /* Items left waiting in a slot that no worker runs (see take_runnable). */
@@ -165,7 +178,7 @@ eventWork *continue_slot(int ended_slot) {
  * this worker has just ended (0 for none). */
 eventWork *take_runnable(int ended_slot) {
     QueueScan found = scan_queue();
-    if (found.long_work.work && g_passes_over_ready >= MAX_PASSES_OVER_READY) {
+    if (const Startable *due = due_ready_work(found)) {
         if (ended_slot && g_slot_work[ended_slot - 1].head) {
             /* The ended slot's items wait for the next free worker. */
             g_slot_work[ended_slot - 1].running = false;
@@ -173,19 +186,16 @@ eventWork *take_runnable(int ended_slot) {
         } else {
             continue_slot(ended_slot);
         }
-        g_passes_over_ready = 0;
-        return start_queued(found.long_work);
+        return start_queued(*due);
     }
     eventWork *work = continue_slot(ended_slot);
     if (!work) work = start_waiting_in_idle_slot();
     if (!work && found.short_work.work) work = start_queued(found.short_work);
     if (work) {
-        if (found.long_work.work) g_passes_over_ready++;
+        for (int i = 0; i < found.long_count; i++) g_slot_work[found.long_work[i].work->slot_id - 1].passed_over++;
         return work;
     }
-    if (!found.long_work.work) return nullptr;
-    g_passes_over_ready = 0;
-    return start_queued(found.long_work);
+    return found.long_count ? start_queued(found.long_work[0]) : nullptr;
 }
 
 eventWork *wait_for_work(int ended_slot) {

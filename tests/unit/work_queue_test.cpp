@@ -600,6 +600,31 @@ TEST_F(WorkerPoolTest, AReadyItemStartsAfterABoundedNumberOfShortItemsPassIt) {
     ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == kShortItems + 1u; }));
 }
 
+TEST_F(WorkerPoolTest, ReadyItemsOfSeveralSlotsPassedOverTogetherBecomeDueTogether) {
+    /* Two workers stay busy; the other two see two ready items and a stream
+     * of short items queued after them.  Every short start passes over both. */
+    for (int slot = 1; slot <= 2; ++slot) g_probe.set_gate(slot, false);
+    queue_items({{1, slot_ready_event}, {2, slot_ready_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 2; }));
+    g_probe.set_gate(5, false);
+    g_probe.set_gate(6, false);
+    std::vector<std::pair<int, slotEvent>> items = {{5, slot_ready_event}, {6, slot_ready_event}};
+    constexpr int kShortItems = 3 * MAX_PASSES_OVER_READY;
+    for (int i = 0; i < kShortItems; ++i) items.push_back({7 + i % 2, slot_timeout_event});
+    queue_items(items);
+
+    /* Both ready steps run (their gates are closed): no worker is left.  The
+     * two workers record their starts in either order, so count them. */
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 4; }));
+    std::vector<std::pair<int, int>> after = started_from(2);
+    EXPECT_EQ(std::count(after.begin(), after.end(), std::pair<int, int>{5, slot_ready_event}), 1);
+    EXPECT_EQ(std::count(after.begin(), after.end(), std::pair<int, int>{6, slot_ready_event}), 1);
+    EXPECT_EQ(after.size(), MAX_PASSES_OVER_READY + 2u);
+    g_probe.set_gate(5, true);
+    g_probe.set_gate(6, true);
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == kShortItems + 2u; }));
+}
+
 TEST_F(WorkerPoolTest, EveryItemRunsOnceAndInItsSlotsOrderUnderABurstForAllSlots) {
     /* A burst from several producers at once, as the main loop and the
      * control thread would give; the transitions return at once. */
