@@ -388,6 +388,10 @@ void handle_poll_results(const struct pollfd *fds);
 extern const eventMapFnTable *g_transition_table;
 
 #define WORKER_THREAD_COUNT 4
+/* Items a free worker may start before a queued ready item of an idle slot
+ * (short work goes first): room for every slot of a full chassis to run its
+ * active item and a supervision expiry. */
+#define MAX_PASSES_OVER_READY 16
 
 typedef struct _eventWork {
     struct _eventWork *next;

@@ -17,6 +17,7 @@ step has settled the chassis is checked from outside:
 Standard library only: the bench runs it without pytest.
 """
 
+import collections
 import fcntl
 import json
 import os
@@ -100,8 +101,14 @@ class Chassis:
         self.env["CHMGR_ROOT"] = str(self.root)
         self.env["PATH"] = f"{self.base / 'bin'}:{os.environ.get('PATH', '/usr/bin:/bin')}"
         self.out_path = self.base / "daemon.out"
+        # The console is kept from the current step on only, so that reading
+        # it costs the same at step 10,000 as at step 1.  Offsets into it
+        # (marks) count from the start of the whole console.
         self._console = ""
+        self._console_start = 0
         self._console_bytes = 0
+        self._systemctl_bytes = 0
+        self._portd_reloads = 0
 
     # -- life
     def start(self):
@@ -132,8 +139,9 @@ class Chassis:
             self.daemon = subprocess.Popen([str(self.binary)], stdout=out, stderr=subprocess.STDOUT,
                                            stdin=subprocess.DEVNULL, env=run_env, cwd=self.base,
                                            start_new_session=True)
-        if not poll(lambda: "[SLOT8] startup.cpp:" in self.console() and self.listening(), 10 * self.factor):
-            raise StormFailure("daemon did not start:\n" + self.console()[-2000:])
+        if not poll(lambda: "[SLOT8] startup.cpp:" in self.console_since(0) and self.listening(),
+                    10 * self.factor):
+            raise StormFailure("daemon did not start:\n" + self.console_since(0)[-2000:])
 
     def stop(self):
         for proc in (self.daemon, self.emulator):
@@ -211,15 +219,33 @@ class Chassis:
         if result.returncode != 0:
             raise StormFailure(f"chmgr-hwemu {args} failed: {result.stderr}")
 
-    def console(self):
-        """The daemon's console so far (read on from where the last call stopped)."""
+    def _read_console(self):
+        """Reads on from where the last read stopped, whole lines only."""
         with open(self.out_path, "rb") as out:
             out.seek(self._console_bytes)
             data = out.read()
-        cut = data.rfind(b"\n") + 1  # whole lines only
-        self._console_bytes += cut
-        self._console += data[:cut].decode(errors="replace")
-        return self._console
+        cut = data.rfind(b"\n") + 1
+        if cut:
+            self._console_bytes += cut
+            self._console += data[:cut].decode(errors="replace")
+
+    def console_end(self):
+        """The offset of the end of the console read so far: a mark."""
+        self._read_console()
+        return self._console_start + len(self._console)
+
+    def console_since(self, mark):
+        """The console from `mark` (not forgotten yet) to its end so far."""
+        self._read_console()
+        if mark < self._console_start:
+            raise ValueError(f"console before offset {self._console_start} was forgotten")
+        return self._console[mark - self._console_start:]
+
+    def forget_console_before(self, mark):
+        """Drops the console text before `mark`: no later read looks at it."""
+        if mark > self._console_start:
+            self._console = self._console[mark - self._console_start:]
+            self._console_start = mark
 
     def conf(self):
         """{slot: fields of its cards.conf line}."""
@@ -243,8 +269,17 @@ class Chassis:
         return counts
 
     def portd_reloads(self):
-        log = self.base / "systemctl.log"
-        return log.read_text().splitlines().count("reload portd") if log.exists() else 0
+        """Reloads of portd so far, counted on from the last call."""
+        try:
+            with open(self.base / "systemctl.log", "rb") as log:
+                log.seek(self._systemctl_bytes)
+                data = log.read()
+        except FileNotFoundError:
+            return 0
+        cut = data.rfind(b"\n") + 1
+        self._systemctl_bytes += cut
+        self._portd_reloads += data[:cut].splitlines().count(b"reload portd")
+        return self._portd_reloads
 
     # -- control socket
     def listening(self):
@@ -285,7 +320,7 @@ class Storm:
         self.rng = random.Random(seed)
         self.log = log or (lambda text: None)
         self.step_no = 0
-        self.history = []
+        self.history = collections.deque(maxlen=8)  # the steps a failure shows
         self.provision = {slot: None for slot in SLOTS}  # (type, succeeded) or None
         self.disabled = {slot: False for slot in SLOTS}
         self.card = {slot: None for slot in SLOTS}  # "C16", "C4" or None
@@ -300,7 +335,8 @@ class Storm:
 
     def step(self):
         self.step_no += 1
-        mark = len(self.chassis.console())
+        mark = self.chassis.console_end()
+        self.chassis.forget_console_before(min(mark, self.scanned))
         reloads = self.chassis.portd_reloads()
         action = self.rng.choices(
             [self.insert_batch, self.pull_at_stage, self.remove_card, self.disable, self.enable,
@@ -312,7 +348,7 @@ class Storm:
         self.log(f"step {self.step_no}: {description}")
 
     def fail(self, what):
-        recent = "\n".join(self.history[-8:])
+        recent = "\n".join(self.history)
         raise StormFailure(f"storm seed {self.seed}, step {self.step_no}: {what}\nlast steps:\n{recent}")
 
     # -- actions
@@ -354,12 +390,12 @@ class Storm:
         slot = self.rng.choice(empty)
         kind = self.rng.choice(list(CARDS))
         stage = self.rng.choice(STAGES)
-        mark = len(self.chassis.console())
+        mark = self.chassis.console_end()
         self.place(slot, kind)
         self.raise_insertion([slot])
         if stage:
             pattern = re.compile(rf"^\[SLOT{slot}\] \S+ Transitioned (from \d+ )?to {stage}$", re.M)
-            poll(lambda: pattern.search(self.chassis.console(), mark), 0.5 * self.chassis.factor)
+            poll(lambda: pattern.search(self.chassis.console_since(mark)), 0.5 * self.chassis.factor)
         self.chassis.pull_card(slot)
         self.card[slot] = None
         text = f"pull {slot}:{kind} at {stage or 'once inserted'}"
@@ -380,9 +416,9 @@ class Storm:
         empty = re.compile(rf"^\[SLOT{slot}\] \S+ Transitioned from \d+ to SLOT_EMPTY$", re.M)
 
         def seen():
-            console = self.chassis.console()
-            last_present = max((m.start() for m in present.finditer(console, mark)), default=-1)
-            last_empty = max((m.start() for m in empty.finditer(console, mark)), default=-1)
+            console = self.chassis.console_since(mark)
+            last_present = max((m.start() for m in present.finditer(console)), default=-1)
+            last_empty = max((m.start() for m in empty.finditer(console)), default=-1)
             if last_present > last_empty:
                 return False
             return "SLOT_PRESENT" not in self.chassis.status_document()[f"slot{slot}"]["STATE"]
@@ -464,14 +500,14 @@ class Storm:
         """Slots whose card was refused as not the pre-provisioned one: it
         stays unpowered until it is removed (or disabled and enabled), also
         when the pre-provisioning is taken back meanwhile."""
-        console = self.chassis.console()
-        for match in REFUSAL_OR_RESET.finditer(console, self.scanned):
+        console = self.chassis.console_since(self.scanned)
+        for match in REFUSAL_OR_RESET.finditer(console):
             slot = int(match[1])
             if match[2].startswith("ERR"):
                 self.refused_slots.add(slot)
             else:
                 self.refused_slots.discard(slot)
-        self.scanned = len(console)
+        self.scanned += len(console)
         return frozenset(self.refused_slots)
 
     def accepted(self, slot, refused=frozenset()):
@@ -532,9 +568,9 @@ class Storm:
     def check_no_hold(self, mark):
         """At rest, no parked slot keeps retrying behind a holder."""
         chassis = self.chassis
-        rest = len(chassis.console())
+        rest = chassis.console_end()
         time.sleep(0.02)  # a held slot retries every 3 ms at this time scale
-        for line in chassis.console()[rest:].splitlines():
+        for line in chassis.console_since(rest).splitlines():
             match = HOLDING.match(line)
             if match:
                 self.fail(f"the portd reload is held at rest by slot {match[1]}")
@@ -542,7 +578,7 @@ class Storm:
     def check_reloads(self, mark, reloads_before, description):
         if not description.startswith("insert "):
             return
-        lines = self.chassis.console()[mark:].splitlines()
+        lines = self.chassis.console_since(mark).splitlines()
         rendezvous = sum(1 for line in lines if RENDEZVOUS_RELOAD.match(line))
         if rendezvous > 1:
             self.fail(f"{rendezvous} rendezvous reloads of portd for one batch of new cards")

@@ -12,7 +12,7 @@ import re
 import time
 
 from conftest import console_lines, status_document, wait_until, write_once
-from test_bringup import CONF, card_ready, conf_line, conf_text
+from test_bringup import CONF, card_ready, conf_line, conf_slot_line, conf_text
 
 # A slower clock than the other bring-up tests: the ready step lasts about a
 # second, long against the 50 ms between the ready events and against the
@@ -85,3 +85,48 @@ def test_four_cards_whose_ready_events_come_50_ms_apart_run_their_ready_steps_at
     lines = console_lines(handle, keepends=True)
     for slot in SLOTS:
         assert lines.count(f"[SLOT{slot}] transitions_ready.cpp:<N> {READY_START}\n") == 1
+
+
+ACTIVE_LINE = re.compile(r"^\[SLOT(\d):INFO\](\d+\.\d{6}) \S+ \S+ transitions_active\.cpp:\d+ "
+                         r"Transitioned from \d+ to SLOT_ACTIVE\n?$")
+
+
+def active_time(document, slot):
+    """Wall-clock seconds of the slot's active transition, from its log ring."""
+    for line in document[f"slot{slot}"]["Log"]:
+        match = ACTIVE_LINE.match(line)
+        if match and int(match[1]) == slot:
+            return float(match[2])
+    return None
+
+
+def test_cards_whose_ready_steps_end_go_active_before_the_next_cards_ready_steps(sandbox, daemon):
+    """Eight cards inserted together: the first four run their ready steps,
+    the second four's ready events queue up behind them, then the first four
+    report active.  Each of the first four goes active as its ready step ends,
+    not after the second four's ready steps."""
+    first, second = SLOTS, (5, 6, 7, 8)
+    handle = cards_waiting_for_ready(sandbox, daemon, first + second)
+    for slot in first:
+        write_once(sandbox.event(slot, "ready"), "1")
+    starts = [f"[SLOT{slot}] transitions_ready.cpp:<N> {READY_START}\n" for slot in first]
+    wait_until(lambda: all(start in console_lines(handle, keepends=True) for start in starts), timeout=20,
+               what="the first four cards to start their ready steps")
+    for slot in second:
+        write_once(sandbox.event(slot, "ready"), "1")
+    for slot in first:  # reported while the ready steps still run: queued behind the second four's
+        write_once(sandbox.event(slot, "active"), "1")
+
+    ends = [f"[SLOT{slot}] transitions_ready.cpp:<N> {READY_END}\n" for slot in second]
+    wait_until(lambda: all(end in console_lines(handle, keepends=True) for end in ends), timeout=30,
+               what="the second four cards to end their ready steps")
+    wait_until(lambda: all(" Online " in (conf_slot_line(sandbox, slot) or "") for slot in first),
+               timeout=10, what="the first four cards 'Online'")
+    document = status_document(sandbox, handle)
+    actives = {slot: active_time(document, slot) for slot in first}
+    second_ends = {slot: ready_step_times(document, slot)[1] for slot in second}
+    assert None not in actives.values() and None not in second_ends.values(), (actives, second_ends)
+    first_second_end = min(second_ends.values())
+    assert max(actives.values()) < first_second_end, (
+        "first cards went active after a later card's ready step: " + ", ".join(
+            f"slot {slot} {time - first_second_end:+.3f} s" for slot, time in sorted(actives.items())))

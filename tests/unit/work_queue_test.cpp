@@ -1,7 +1,8 @@
 /*
  * The work queue and the worker pool: FIFO order, the stale tail after the
  * queue empties, four workers running items of different slots in parallel,
- * and items of one slot serialised by the slot mutex.
+ * items of one slot serialised by the slot mutex, and short items of idle
+ * slots started before a queued ready step, within a bound.
  *
  * The workers dispatch through g_transition_table; these tests point it at a
  * table whose transitions record their calls and wait at a gate the test
@@ -493,6 +494,135 @@ TEST_F(WorkerPoolTest, AFreedWorkerTakesTheOldestItemOfASlotThatIsNotBusy) {
                                                        {6, slot_present_event}}));
     EXPECT_EQ(waiting_in_slot(2), 1);
     EXPECT_EQ(g_probe.running, 3);
+}
+
+/* (slot, event) of the transitions started from `first` on, in start order. */
+std::vector<std::pair<int, int>> started_from(size_t first) {
+    std::lock_guard<std::mutex> lock(g_probe.m);
+    std::vector<std::pair<int, int>> order;
+    for (size_t i = first; i < g_probe.started.size(); ++i)
+        order.push_back({g_probe.started[i].slot_id, g_probe.started[i].event});
+    return order;
+}
+
+/* Four cards inside their ready steps hold every worker. */
+void four_ready_steps_running() {
+    for (int slot = 1; slot <= 4; ++slot) g_probe.set_gate(slot, false);
+    queue_items({{1, slot_ready_event}, {2, slot_ready_event}, {3, slot_ready_event}, {4, slot_ready_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 4; }));
+}
+
+TEST_F(WorkerPoolTest, ShortItemsOfIdleSlotsStartBeforeOlderReadySteps) {
+    four_ready_steps_running();
+    queue_items({{5, slot_ready_event}, {6, slot_ready_event}, {7, slot_active_event}, {8, slot_present_event}});
+
+    g_probe.set_gate(1, true);  // one worker comes free
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 5; }));
+    EXPECT_EQ(started_from(4), (std::vector<std::pair<int, int>>{{7, slot_active_event},
+                                                                 {8, slot_present_event},
+                                                                 {5, slot_ready_event},
+                                                                 {6, slot_ready_event}}));
+}
+
+TEST_F(WorkerPoolTest, ACardWhoseReadyStepEndsGoesActiveBeforeTheNextCardsReadySteps) {
+    /* Eight cards inserted together: the second four's ready items are queued
+     * while the first four run theirs; then the first cards report active. */
+    four_ready_steps_running();
+    queue_items({{5, slot_ready_event}, {6, slot_ready_event}, {7, slot_ready_event}, {8, slot_ready_event}});
+    queue_items({{1, slot_active_event}, {2, slot_active_event}, {3, slot_active_event}, {4, slot_active_event}});
+    for (int slot = 5; slot <= 8; ++slot) g_probe.set_gate(slot, false);
+
+    /* The second four's ready steps do not end while the test runs: every
+     * active item must start beside them, not behind them. */
+    for (int slot = 1; slot <= 4; ++slot) g_probe.set_gate(slot, true);
+    ASSERT_TRUE(g_probe.wait_until([] {
+        int actives = 0;
+        for (const Call &call : g_probe.started) actives += call.event == slot_active_event;
+        return actives == 4 && g_probe.running == 4;
+    }));
+    std::vector<std::pair<int, int>> after = started_from(4);
+    std::sort(after.begin(), after.end());
+    EXPECT_EQ(after, (std::vector<std::pair<int, int>>{{1, slot_active_event},
+                                                       {2, slot_active_event},
+                                                       {3, slot_active_event},
+                                                       {4, slot_active_event},
+                                                       {5, slot_ready_event},
+                                                       {6, slot_ready_event},
+                                                       {7, slot_ready_event},
+                                                       {8, slot_ready_event}}));
+    EXPECT_EQ(g_probe.max_running, 4);
+}
+
+TEST_F(WorkerPoolTest, ASupervisionExpiryOfASlotAwaitingReadyWaitsLikeTheReadyStep) {
+    /* With its ready file written, such an expiry runs the ready step itself. */
+    four_ready_steps_running();
+    g_slots_info[4].trans_timer.state_monitored = slot_ready_event;  // slot 5
+    g_slots_info[5].trans_timer.state_monitored = slot_active_event;  // slot 6
+    queue_items({{5, slot_timeout_event}, {6, slot_timeout_event}});
+
+    g_probe.set_gate(1, true);
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 3; }));
+    EXPECT_EQ(started_from(4),
+              (std::vector<std::pair<int, int>>{{6, slot_timeout_event}, {5, slot_timeout_event}}));
+}
+
+TEST_F(WorkerPoolTest, PrecedenceNeverReordersTheItemsOfOneSlot) {
+    four_ready_steps_running();
+    /* Slot 7's active item is short but comes after its ready item. */
+    queue_items({{7, slot_ready_event}, {7, slot_active_event}, {8, slot_timeout_event}, {7, slot_timeout_event}});
+
+    g_probe.set_gate(1, true);
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == 5; }));
+    EXPECT_EQ(started_from(4), (std::vector<std::pair<int, int>>{{8, slot_timeout_event},
+                                                                 {7, slot_ready_event},
+                                                                 {7, slot_active_event},
+                                                                 {7, slot_timeout_event}}));
+    EXPECT_EQ(g_probe.max_running_in_slot[7], 1);
+}
+
+TEST_F(WorkerPoolTest, AReadyItemStartsAfterABoundedNumberOfShortItemsPassIt) {
+    /* Three workers stay busy; the fourth sees slot 5's ready item and a
+     * stream of short items for idle slots queued after it. */
+    for (int slot = 1; slot <= 3; ++slot) g_probe.set_gate(slot, false);
+    queue_items({{1, slot_ready_event}, {2, slot_ready_event}, {3, slot_ready_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 3; }));
+    g_probe.set_gate(5, false);
+    std::vector<std::pair<int, slotEvent>> items = {{5, slot_ready_event}};
+    constexpr int kShortItems = 3 * MAX_PASSES_OVER_READY;
+    for (int i = 0; i < kShortItems; ++i) items.push_back({6 + i % 3, slot_timeout_event});
+    queue_items(items);
+
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 4; }));
+    std::vector<std::pair<int, int>> after = started_from(3);
+    ASSERT_EQ(after.size(), MAX_PASSES_OVER_READY + 1u);
+    EXPECT_EQ(after.back(), (std::pair<int, int>{5, slot_ready_event}));
+    g_probe.set_gate(5, true);
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == kShortItems + 1u; }));
+}
+
+TEST_F(WorkerPoolTest, ReadyItemsOfSeveralSlotsPassedOverTogetherBecomeDueTogether) {
+    /* Two workers stay busy; the other two see two ready items and a stream
+     * of short items queued after them.  Every short start passes over both. */
+    for (int slot = 1; slot <= 2; ++slot) g_probe.set_gate(slot, false);
+    queue_items({{1, slot_ready_event}, {2, slot_ready_event}});
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 2; }));
+    g_probe.set_gate(5, false);
+    g_probe.set_gate(6, false);
+    std::vector<std::pair<int, slotEvent>> items = {{5, slot_ready_event}, {6, slot_ready_event}};
+    constexpr int kShortItems = 3 * MAX_PASSES_OVER_READY;
+    for (int i = 0; i < kShortItems; ++i) items.push_back({7 + i % 2, slot_timeout_event});
+    queue_items(items);
+
+    /* Both ready steps run (their gates are closed): no worker is left.  The
+     * two workers record their starts in either order, so count them. */
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.running == 4; }));
+    std::vector<std::pair<int, int>> after = started_from(2);
+    EXPECT_EQ(std::count(after.begin(), after.end(), std::pair<int, int>{5, slot_ready_event}), 1);
+    EXPECT_EQ(std::count(after.begin(), after.end(), std::pair<int, int>{6, slot_ready_event}), 1);
+    EXPECT_EQ(after.size(), MAX_PASSES_OVER_READY + 2u);
+    g_probe.set_gate(5, true);
+    g_probe.set_gate(6, true);
+    ASSERT_TRUE(g_probe.wait_until([] { return g_probe.finished.size() == kShortItems + 2u; }));
 }
 
 TEST_F(WorkerPoolTest, EveryItemRunsOnceAndInItsSlotsOrderUnderABurstForAllSlots) {
