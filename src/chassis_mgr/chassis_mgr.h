@@ -250,6 +250,8 @@ extern slotInfo g_slots_info[MAX_SLOTS_FOR_9600];
 extern const eventMapFnTable g_event_map_fn_table[SLOT_EVENT_COUNT];
 
 slotEvent get_event_transition(int slot_id);
+/* True for the six events read from an event file (present .. active). */
+bool is_file_event(int event);
 bool init_sm_for_slot(int slot_id, char *event);   /* slot_id is the 0-based index */
 bool power_within_budget(int slot_id);
 bool recalculate_power_budget(int slot_id);

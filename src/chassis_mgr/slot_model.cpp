@@ -29,6 +29,9 @@ namespace {
 /* Leaf lock for the two record fields that are not plain numbers. */
 pthread_mutex_t g_slot_fields_lock = PTHREAD_MUTEX_INITIALIZER;
 
+}  // namespace
+
+/* The six events that come from an event file. */
 bool is_file_event(int event) {
     switch (event) {
     case slot_present_event:
@@ -42,8 +45,6 @@ bool is_file_event(int event) {
         return false;
     }
 }
-
-}  // namespace
 
 bool read_event_file(const char *path, int *value) {
     FILE *file = fopen(path, "re");

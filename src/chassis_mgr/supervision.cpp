@@ -52,19 +52,9 @@ bool supervise_synced(int slot_id, slotInfo *slot) {
     return true;
 }
 
-/* True for the stages that count towards the stuck verdict. */
-bool counted_stage(int monitored) {
-    switch (monitored) {
-    case slot_verified_event:
-    case slot_synced_event:
-    case slot_powered_event:
-    case slot_ready_event:
-    case slot_active_event:
-        return true;
-    default:
-        return false;
-    }
-}
+/* True for the stages that count towards the stuck verdict: every event
+ * read from a file but the presence, which an empty slot awaits for ever. */
+bool counted_stage(int monitored) { return monitored != slot_present_event && is_file_event(monitored); }
 
 /* The awaited event has not happened: keep waiting, by stage. */
 bool keep_waiting(int slot_id, slotInfo *slot, int monitored) {

@@ -31,17 +31,22 @@ def ctl_connect(sandbox, timeout=20):
     return sock
 
 
+def read_to_end(sock):
+    """Everything the daemon sends until it closes the connection."""
+    reply = b""
+    while True:
+        chunk = sock.recv(1 << 20)
+        if not chunk:
+            return reply
+        reply += chunk
+
+
 def ctl_exchange(sandbox, data, timeout=20):
     """Sends `data` and returns everything until the daemon closes the connection."""
     sock = ctl_connect(sandbox, timeout)
     try:
         sock.sendall(data)
-        reply = b""
-        while True:
-            chunk = sock.recv(1 << 20)
-            if not chunk:
-                return reply
-            reply += chunk
+        return read_to_end(sock)
     finally:
         sock.close()
 

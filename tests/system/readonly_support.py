@@ -7,6 +7,7 @@ import socket
 import tempfile
 
 from conftest import Sandbox, timeout_factor
+from harness_ctl import read_to_end
 
 READONLY_SOCKET_RELPATH = "run/chassismgr/chassismgr-ro"
 NOBODY = 65534
@@ -21,15 +22,6 @@ def ro_connect(sandbox, timeout=20):
         sock.close()
         raise
     return sock
-
-
-def read_to_end(sock):
-    reply = b""
-    while True:
-        chunk = sock.recv(1 << 20)
-        if not chunk:
-            return reply
-        reply += chunk
 
 
 def ro_exchange(sandbox, data, timeout=20):
