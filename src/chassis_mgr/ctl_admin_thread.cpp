@@ -48,6 +48,7 @@ void command_ended(void) {
 }
 
 void *admin_thread(void *) {
+    pthread_setname_np(pthread_self(), "chmgr-admin");
     for (;;) {
         int client = wait_for_command();
         if (client == -1) return nullptr;

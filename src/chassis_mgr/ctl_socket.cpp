@@ -269,9 +269,6 @@ bool serve_round(Serving *serving) {
     int timeout = poll_timeout(*serving, ctl_monotonic_ms());
     if (poll(fds, (nfds_t)(kFixedEntries + control_held + readonly_held), timeout) < 0) return true;
 
-    /* One guard for all the console lines of the round; this thread never
-     * starts a program (administration commands run on their own thread). */
-    SigpipeBlocked quiet_console;
     int64_t now = ctl_monotonic_ms();
     take_in(&serving->control, fds + kFixedEntries, control_of, control_held, now, true);
     take_in(&serving->readonly, fds + kFixedEntries + control_held, readonly_of, readonly_held, now, false);
@@ -367,6 +364,7 @@ bool ctl_handle_request(ctlReply *reply) {
 }
 
 void *ctl_thread(void *) {
+    pthread_setname_np(pthread_self(), "chmgr-ctl");
     Serving *serving = &g_serving;
     SetupStep readonly = readonly_setup(serving);
     bool listening = control_setup(&serving->control_fd);
@@ -390,7 +388,14 @@ void *ctl_thread(void *) {
 
     /* Requests are received from every connection at once; reads are
      * answered as soon as they are complete, administration commands run
-     * one at a time in the order they became complete. */
+     * one at a time in the order they became complete.
+     *
+     * One guard for every console line of the serving loop: blocking and
+     * unblocking SIGPIPE around each round cost four system calls a
+     * request.  It is taken only now, once the administration thread, which
+     * starts programs, has been created with the usual mask; this thread
+     * never starts one. */
+    SigpipeBlocked quiet_console;
     while (serve_round(serving)) continue;
     ctl_conns_close_all(&serving->control);
     ctl_conns_close_all(&serving->readonly);

@@ -137,6 +137,7 @@ bool debug_trigger_serve_one(int timeout_ms) {
 }
 
 void *debug_thread(void *) {
+    pthread_setname_np(pthread_self(), "chmgr-debug");
     debug_trigger_init();
     while (debug_trigger_serve_one(-1)) {
     }

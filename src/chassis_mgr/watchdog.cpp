@@ -173,6 +173,7 @@ void add_ns(struct timespec *at, int64_t ns) {
 
 /* Pings every half period, on a fixed schedule that never runs early. */
 void *watchdog_thread(void *) {
+    pthread_setname_np(pthread_self(), "chmgr-watchdog");
     /* A period below 2 ms would only spin this thread; above a day it is a day. */
     uint64_t usec = env_watchdog_usec();
     if (usec < kMinPeriodUsec) usec = kMinPeriodUsec;

@@ -264,6 +264,7 @@ eventWork *get_work_from_que(void) {
 }
 
 void *work_handler(void *) {
+    pthread_setname_np(pthread_self(), "chmgr-worker");
     int ended_slot = 0;
     for (;;) {
         eventWork *work = wait_for_work(ended_slot);
