@@ -44,6 +44,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <numeric>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -150,6 +151,12 @@ void stop_servers(void) {
     nftw(g_root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
+/* Sorts `micros` in place. */
+double median_of(std::vector<double> *micros) {
+    std::sort(micros->begin(), micros->end());
+    return (*micros)[micros->size() / 2];
+}
+
 /* One request on its own connection; the reply's size. */
 size_t round_trip(const sockaddr_un &addr, uint32_t cmd, std::vector<unsigned char> *reply) {
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -186,8 +193,7 @@ void run_round_trips(benchmark::State &state, const std::string &socket_path, ui
         micros.push_back(std::chrono::duration<double, std::micro>(end - begin).count());
     }
     state.counters["server_cpu_us"] = (others_cpu_us() - cpu_before) / (double)micros.size();
-    std::sort(micros.begin(), micros.end());
-    state.counters["median_us"] = micros[micros.size() / 2];
+    state.counters["median_us"] = median_of(&micros);
     state.counters["p99_us"] = micros[std::min(micros.size() - 1, micros.size() * 99 / 100)];
     state.counters["reply_bytes"] = (double)bytes / (double)micros.size();
     state.SetItemsProcessed((int64_t)micros.size());
@@ -236,12 +242,10 @@ void BM_ShowSummaryBesideBare(benchmark::State &state) {
         timed(show_first ? show : bare, show_first ? &show_us : &bare_us);
         timed(show_first ? bare : show, show_first ? &bare_us : &show_us);
     }
-    auto total = [](const std::vector<double> &v) { double sum = 0; for (double x : v) sum += x; return sum; };
-    state.counters["rate_ratio"] = total(bare_us) / total(show_us);
-    std::sort(show_us.begin(), show_us.end());
-    std::sort(bare_us.begin(), bare_us.end());
-    state.counters["show_median_us"] = show_us[show_us.size() / 2];
-    state.counters["bare_median_us"] = bare_us[bare_us.size() / 2];
+    state.counters["rate_ratio"] = std::accumulate(bare_us.begin(), bare_us.end(), 0.0) /
+                                   std::accumulate(show_us.begin(), show_us.end(), 0.0);
+    state.counters["show_median_us"] = median_of(&show_us);
+    state.counters["bare_median_us"] = median_of(&bare_us);
     state.SetItemsProcessed((int64_t)(show_us.size() + bare_us.size()));
 }
 

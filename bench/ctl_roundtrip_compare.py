@@ -10,7 +10,8 @@ over the rounds of:
   paired    the same ratio with the two taken in alternation;
   show/s, bare/s, debug/s, debug-ro/s   the separate rates (nan: the
             build has no read-only socket);
-  show_cpu, bare_cpu   serving CPU time per request (us).
+  show_cpu, bare_cpu   serving CPU time per request (us);
+  paired_show_us, paired_bare_us   median round trips (us) in alternation.
 
   bench/ctl_roundtrip_compare.py --build before=/tmp/old/build-bench \\
       --build after=build-bench --placement same --placement apart --rounds 5
@@ -41,15 +42,18 @@ def rate(results: dict, name: str) -> float:
 def figures(results: dict) -> dict:
     bare = results["BM_BareAcceptLoop"]
     show = results["BM_ShowSummaryAllSlots"]
+    paired = results["BM_ShowSummaryBesideBare"]
     return {
         "separate": show["items_per_second"] / bare["items_per_second"],
-        "paired": results["BM_ShowSummaryBesideBare"]["rate_ratio"],
+        "paired": paired["rate_ratio"],
         "show/s": show["items_per_second"],
         "bare/s": bare["items_per_second"],
         "debug/s": rate(results, "BM_DebugSlotAllSlots"),
         "debug-ro/s": rate(results, "BM_DebugSlotAllSlotsReadonly"),
         "show_cpu": show["server_cpu_us"],
         "bare_cpu": bare["server_cpu_us"],
+        "paired_show_us": paired["show_median_us"],
+        "paired_bare_us": paired["bare_median_us"],
     }
 
 
@@ -70,10 +74,10 @@ def main() -> int:
         print(f"round {round_no + 1} of {args.rounds} done", file=sys.stderr)
 
     columns = list(next(iter(samples.values()))[0])
-    print(f"{'build':<10}{'placement':<10}" + "".join(f"{c:>12}" for c in columns))
+    print(f"{'build':<10}{'placement':<10}" + "".join(f"{c:>15}" for c in columns))
     for (label, placement), runs in samples.items():
         medians = [statistics.median(run[c] for run in runs) for c in columns]
-        print(f"{label:<10}{placement:<10}" + "".join(f"{m:>12.2f}" if m < 100 else f"{m:>12.0f}" for m in medians))
+        print(f"{label:<10}{placement:<10}" + "".join(f"{m:>15.2f}" if m < 100 else f"{m:>15.0f}" for m in medians))
     for (label, placement), runs in samples.items():
         spread = ", ".join(f"{run['separate']:.2f}/{run['paired']:.2f}" for run in runs)
         print(f"{label} {placement} separate/paired per round: {spread}")
