@@ -63,7 +63,7 @@ def main() -> int:
     parser.add_argument("--placement", action="append", choices=PLACEMENTS)
     parser.add_argument("--rounds", type=int, default=5)
     args = parser.parse_args()
-    builds = [(label, Path(path)) for label, path in (spec.split("=", 1) for spec in args.build)]
+    builds = [(label, Path(path)) for label, path in (given.split("=", 1) for given in args.build)]
     placements = args.placement or list(PLACEMENTS)
 
     samples = {(label, placement): [] for label, _ in builds for placement in placements}
