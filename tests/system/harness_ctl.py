@@ -41,14 +41,19 @@ def read_to_end(sock):
         reply += chunk
 
 
-def ctl_exchange(sandbox, data, timeout=20):
-    """Sends `data` and returns everything until the daemon closes the connection."""
-    sock = ctl_connect(sandbox, timeout)
+def exchange_on(sock, data):
+    """Sends `data` on the connected `sock`, returns everything until the
+    daemon closes the connection, and closes `sock`."""
     try:
         sock.sendall(data)
         return read_to_end(sock)
     finally:
         sock.close()
+
+
+def ctl_exchange(sandbox, data, timeout=20):
+    """Sends `data` and returns everything until the daemon closes the connection."""
+    return exchange_on(ctl_connect(sandbox, timeout), data)
 
 
 def socket_listening(sandbox):

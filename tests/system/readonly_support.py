@@ -7,7 +7,7 @@ import socket
 import tempfile
 
 from conftest import Sandbox, timeout_factor
-from harness_ctl import read_to_end
+from harness_ctl import exchange_on
 
 READONLY_SOCKET_RELPATH = "run/chassismgr/chassismgr-ro"
 NOBODY = 65534
@@ -26,12 +26,7 @@ def ro_connect(sandbox, timeout=20):
 
 def ro_exchange(sandbox, data, timeout=20):
     """Sends `data` on the read-only socket; everything until the daemon closes."""
-    sock = ro_connect(sandbox, timeout)
-    try:
-        sock.sendall(data)
-        return read_to_end(sock)
-    finally:
-        sock.close()
+    return exchange_on(ro_connect(sandbox, timeout), data)
 
 
 def run_as_nobody():

@@ -12,8 +12,8 @@ import pytest
 
 from conftest import (CTL_HEADER, SOCKET_RELPATH, console_lines, ctl_connect, ctl_exchange, ctl_request, padded,
                       start_listening, timeout_factor, wait_until)
-from readonly_support import (READONLY_SOCKET_RELPATH, ReachableSandbox, read_to_end, ro_connect, ro_exchange,
-                              run_as_nobody)
+from harness_ctl import read_to_end
+from readonly_support import READONLY_SOCKET_RELPATH, ReachableSandbox, ro_connect, ro_exchange, run_as_nobody
 
 SHOW_SUMMARY, SHOW_DETAIL, DEBUG_SLOT = 5, 6, 9
 LINECARD_ENABLE, LINECARD_DISABLE, PRE_PROVISION_ENABLE, PRE_PROVISION_DISABLE = 3, 4, 7, 8
