@@ -1,8 +1,7 @@
 /*
  * chmgrctl watch: follows the slots by asking the daemon for its status
  * document at a steady pace.  Each slot's state is reported when it
- * changes, and each new line of a slot's log that records a stage change
- * (or an error or warning) is reported once, with the daemon's time stamp.
+ * changes, and so is what is new in its log (ctl_watch_news.cpp).
  * On a terminal the view is redrawn in place; otherwise every report is
  * one JSON object on a line of its own.
  */
@@ -15,13 +14,13 @@
 #include <unistd.h>
 
 #include <deque>
-#include <set>
 
 #include "ctl_client.h"
 #include "ctl_json.h"
 #include "ctl_output.h"
 #include "ctl_request.h"
 #include "ctl_slot_view.h"
+#include "ctl_watch_news.h"
 #include "json.h"
 
 namespace chmgrctl {
@@ -59,19 +58,6 @@ double wall_clock() {
     gettimeofday(&now, nullptr);
     return (double)now.tv_sec + (double)now.tv_usec / 1e6;
 }
-
-struct Transition {
-    uint32_t slot;
-    RingLine line;
-    std::string stage;  // "PRESENT" .. "ACTIVE", "EMPTY", or empty for a log line
-};
-
-struct SlotTrack {
-    bool seen = false;
-    unsigned stage_bits = 0;        // the stages reached at the previous look
-    std::string key;                // what a change of the slot's state compares
-    std::set<std::string> lines;    // the log lines of the previous look
-};
 
 struct WatchState {
     SlotTrack tracks[MAX_SLOTS_FOR_9600];
@@ -126,54 +112,6 @@ void emit_line_json(const Transition &transition) {
     json_append_member(root, "message", from_log ? json_text(transition.line.message) : json_mknull());
     print_json(stdout, root, true);
     json_delete(root);
-}
-
-/* Stages the card reached since the previous look whose log line has
- * already left the slot's log (it keeps the last 24 lines): reported from
- * the state, with no message.  They came before every line still in the
- * log, so they are given the time of the earliest of those (the time of
- * the look when there is none): the reports stay in time order. */
-std::vector<Transition> missed_stages(const SlotView &view, const SlotTrack &track,
-                                      const std::vector<Transition> &reported, double now) {
-    std::vector<Transition> missed;
-    unsigned gained = view.stage_bits & ~track.stage_bits;
-    if (!(view.stage_bits & 1u)) return missed;
-    double at = now;
-    for (const Transition &line : reported)
-        if (line.line.epoch > 0 && line.line.epoch < at) at = line.line.epoch;
-    for (int stage = 0; stage < kStageCount; ++stage) {
-        if (!(gained & (1u << stage))) continue;
-        bool seen = false;
-        for (const Transition &line : reported) seen = seen || line.stage == stage_name((Stage)stage);
-        if (seen) continue;
-        Transition transition;
-        transition.slot = view.slot;
-        transition.stage = stage_name((Stage)stage);
-        transition.line.epoch = at;
-        transition.line.level = "INFO";
-        missed.push_back(transition);
-    }
-    return missed;
-}
-
-/* The new lines of a slot's log that are worth a report. */
-std::vector<Transition> new_lines(const SlotView &view, SlotTrack *track) {
-    std::vector<Transition> found;
-    std::set<std::string> now(view.log.begin(), view.log.end());
-    for (const std::string &text : view.log) {
-        if (track->lines.count(text)) continue;
-        Transition transition;
-        transition.slot = view.slot;
-        if (!parse_ring_line(text, &transition.line)) continue;
-        bool empty = false;
-        Stage stage = transition_stage(transition.line.message, &empty);
-        if (stage != STAGE_NONE) transition.stage = stage_name(stage);
-        if (empty) transition.stage = "EMPTY";
-        if (transition.stage.empty() && transition.line.level != "ERR" && transition.line.level != "WARN") continue;
-        found.push_back(transition);
-    }
-    track->lines.swap(now);
-    return found;
 }
 
 std::string progress_bar(const SlotView &view) {
@@ -235,10 +173,7 @@ bool look(const Options &options, const Request &request, WatchState *state, dou
     state->views.clear();
     for (const SlotView &view : views) {
         SlotTrack *track = &state->tracks[view.slot - 1];
-        std::vector<Transition> lines = new_lines(view, track);
-        std::vector<Transition> missed = missed_stages(view, *track, lines, now);
-        lines.insert(lines.begin(), missed.begin(), missed.end());
-        track->stage_bits = view.stage_bits;
+        std::vector<Transition> lines = slot_news(view, track, now);
         if (state->first_look) lines.clear();  // history before the watch began is not news
         for (const Transition &line : lines) {
             if (terminal)

@@ -70,7 +70,7 @@ def test_watch_json_follows_a_bring_up_and_ends_when_the_slot_is_operational(san
         assert [t["stage"] for t in transitions] == STAGES
         assert all(t["slot"] == 3 for t in transitions)
         times = [t["time"] for t in transitions]
-        assert times == sorted(times)
+        assert times == sorted(times), json.dumps(transitions, indent=1)
         slot_states = [o for o in watch.objects if o["event"] == "slot"]
         assert slot_states[-1]["oper_state"] == "Operational"
         assert slot_states[-1]["stage"] == "ACTIVE"
