@@ -97,11 +97,7 @@ std::string part_number(const SlotView &view) {
 double stage_entered(const SlotView &view, double collected_at) {
     if (view.stage_since > 0) return view.stage_since;
     if (operational(view) && view.up_time_s >= 0) return floor(collected_at) - (double)view.up_time_s;
-    for (const std::string &text : view.log) {
-        RingLine line;
-        if (parse_ring_line(text, &line) && line.epoch > 0) return line.epoch;
-    }
-    return 0;
+    return earliest_log_time(view);
 }
 
 void add_slot_families(double collected_at, const std::vector<SlotView> &views, std::string *out) {

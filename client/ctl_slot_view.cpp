@@ -313,6 +313,14 @@ std::string short_card_type(const std::string &card_type) {
     return "none";
 }
 
+double earliest_log_time(const SlotView &view) {
+    for (const std::string &text : view.log) {
+        RingLine line;
+        if (parse_ring_line(text, &line) && line.epoch > 0) return line.epoch;
+    }
+    return 0;
+}
+
 std::vector<std::string> document_daemon_log(JsonNode *document) { return log_lines(document); }
 
 void build_slot_view(const SlotSummary *summary, JsonNode *slot_object, int provisioned_speed, SlotView *view) {

@@ -83,6 +83,10 @@ void build_slot_view(const SlotSummary *summary, JsonNode *slot_object, int prov
  * name the slot holding a portd reload and a reload that failed. */
 void build_slot_view(const SlotSummary *summary, JsonNode *slot_object, const SlotContext &context, SlotView *view);
 
+/* The time stamp of the earliest line still in the slot's log (the log
+ * is kept oldest first), 0 when no line can be read. */
+double earliest_log_time(const SlotView &view);
+
 /* The daemon-wide log lines of a status document (its top-level "Log"). */
 std::vector<std::string> document_daemon_log(JsonNode *document);
 

@@ -48,12 +48,8 @@ unsigned logged_stages(const std::vector<Transition> &lines) {
  * it: the time of the earliest of those (the time of the look when there
  * is none) keeps the reports in time order, later lines included. */
 double before_the_log(const SlotView &view, double now) {
-    double at = now;
-    for (const std::string &text : view.log) {
-        RingLine line;
-        if (parse_ring_line(text, &line) && line.epoch > 0 && line.epoch < at) at = line.epoch;
-    }
-    return at;
+    double earliest = earliest_log_time(view);
+    return earliest > 0 && earliest < now ? earliest : now;
 }
 
 std::vector<Transition> missed_stages(const SlotView &view, unsigned known, double at) {

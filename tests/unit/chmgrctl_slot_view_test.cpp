@@ -269,3 +269,11 @@ TEST(ChmgrctlSlotView, IniFailureBeforeTheLastVerificationIsHistory) {
                   .reason,
               "waiting for powered since 2026-11-22 18:56:00");
 }
+
+TEST(ChmgrctlSlotView, EarliestLogTimeIsTheFirstLineThatReads) {
+    SlotView view;
+    EXPECT_EQ(earliest_log_time(view), 0);
+    view.log = {"not a log line", "[SLOT2:INFO]1795373698.183763 2026-11-22 18:54:58 file.cpp:12 Event received",
+                "[SLOT2:INFO]1795373699.000001 2026-11-22 18:54:59 file.cpp:12 Event received"};
+    EXPECT_EQ(earliest_log_time(view), 1795373698.183763);
+}
