@@ -10,8 +10,15 @@
  * laid the request over it before handing the connection over, and takes
  * the buffer back only once ctl_admin_collect() says the command has ended.
  * The hand-over in both directions goes through g_admin_lock.
+ *
+ * The command ends, and the eventfd says so, before its reply is sent: the
+ * reply goes out from a copy.  A client that reads the reply and sends its
+ * next request at once then finds the control thread told first, so that
+ * request is laid over g_ctl_resp_buf as the command left it, exactly as if
+ * the control thread had run the command itself.
  */
 #include <pthread.h>
+#include <string.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -28,6 +35,8 @@ bool g_admin_quit = false;
 int g_admin_done_fd = -1;      // eventfd, written once per ended command
 pthread_t g_admin_thread;
 bool g_admin_started = false;  // control thread only
+/* The ended command's reply, sent once g_ctl_resp_buf is given back. */
+alignas(8) unsigned char g_admin_reply[CTL_BUF_SIZE];
 
 /* The next connection to serve, or -1 when the thread is to end. */
 int wait_for_command(void) {
@@ -53,9 +62,13 @@ void *admin_thread(void *) {
         int client = wait_for_command();
         if (client == -1) return nullptr;
         ctlReply reply;
-        if (ctl_handle_request(&reply)) ctl_send_reply(client, reply, true);
-        close(client);
+        bool replied = ctl_handle_request(&reply);
+        /* Every administration reply is the request buffer itself. */
+        CM_ASSERT(!replied || reply.size <= sizeof g_admin_reply);
+        if (replied) memcpy(g_admin_reply, reply.data, reply.size);
         command_ended();
+        if (replied) ctl_send_reply(client, ctlReply{g_admin_reply, reply.size}, true);
+        close(client);
     }
 }
 
